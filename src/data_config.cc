@@ -1,0 +1,86 @@
+#include "src/data_config.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <limits>
+#include <string_view>
+#include <system_error>
+
+#include "base/file.h"
+#include "base/xml.h"
+
+namespace {
+
+constexpr std::uint32_t any = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t mib_max = 4095;
+constexpr std::uint32_t threads_max = 256;
+
+struct setting {
+  std::string_view key;
+  std::uint32_t zem_cfg::*field;
+  std::uint32_t least;
+  std::uint32_t most;
+};
+
+// In the order in which they are written.
+constexpr std::array settings{
+    setting{"thread_num", &zem_cfg::thread_num, 1, threads_max},
+    setting{"cache_log", &zem_cfg::cache_log, 0, mib_max},
+    setting{"cache_key", &zem_cfg::cache_key, 0, mib_max},
+    setting{"cache_val", &zem_cfg::cache_val, 0, any},
+    setting{"commit_num", &zem_cfg::commit_num, 1, any},
+    setting{"merge_num", &zem_cfg::merge_num, 1, mib_max},
+    setting{"split_num", &zem_cfg::split_num, 1, mib_max},
+    setting{"flush_time", &zem_cfg::flush_time, 0, any},
+    setting{"commit_time", &zem_cfg::commit_time, 0, any},
+    setting{"merge_time", &zem_cfg::merge_time, 0, any},
+};
+
+// The number that a text starts with, the nearest one of 64 bits when it is longer.
+std::int64_t number_of(std::string_view text, std::int64_t otherwise) noexcept {
+  constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
+  text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
+  const bool negative = text.starts_with('-');
+  if (negative || text.starts_with('+')) text.remove_prefix(1);
+
+  std::uint64_t magnitude = 0;
+  const auto parsed = std::from_chars(text.data(), text.data() + text.size(), magnitude);
+  if (parsed.ec == std::errc::invalid_argument) return otherwise;
+  if (parsed.ec != std::errc{} || magnitude > static_cast<std::uint64_t>(most))
+    return negative ? least : most;
+  const auto value = static_cast<std::int64_t>(magnitude);
+  return negative ? -value : value;
+}
+
+}  // namespace
+
+zem_status zem_cfg_write(const std::string &path) {
+  const zem_cfg defaults;
+  zem_xml xml;
+  zem_xml_item &table = zem_xml_root(xml);
+  table.name = "table";
+  for (const setting &each : settings) {
+    zem_xml_item &element = zem_xml_append_element(xml, table, each.key);
+    zem_xml_append_text(xml, element, std::to_string(defaults.*each.field));
+  }
+  return zem_file_set_string(path, zem_xml_get(xml));
+}
+
+zem_status zem_cfg_read(zem_cfg &cfg, const std::string &path) {
+  cfg = zem_cfg{};
+  std::string text;
+  if (zem_status st = zem_file_get_string(path, zem_xml_size_max, text); st < 0)
+    return st == -ENOENT ? zem_ok : st;
+  zem_xml xml;
+  if (!zem_xml_set(xml, text)) return zem_status{-EINVAL};
+
+  for (const setting &each : settings) {
+    const zem_xml_item *element = zem_xml_find_name(zem_xml_root(xml), each.key);
+    if (element == nullptr) continue;
+    const std::int64_t number = number_of(zem_xml_text(*element), cfg.*each.field);
+    cfg.*each.field = std::clamp(static_cast<std::uint32_t>(number), each.least, each.most);
+  }
+  return zem_ok;
+}
