@@ -1,0 +1,127 @@
+#include "src/spx_iter.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "src/spx_impl.h"
+
+namespace format = zem_spx_format;
+
+namespace {
+
+void stand_on_nothing(zem_xiter &it) {
+  it.at = nullptr;
+  it.end = nullptr;
+}
+
+// Stands on posting `index` of group `group` of the current block.
+void stand_on(zem_xiter &it, std::size_t group, std::size_t index) {
+  const std::byte *head = &it.block->bytes[it.block->groups[group]];
+  const std::byte *ids = zem_spx_get_ids(head);
+  it.group = static_cast<std::uint32_t>(group);
+  it.at = ids + index * format::id_size;
+  it.end = ids + zem_spx_get_count(head) * format::id_size;
+  it.term = zem_spx_get_term(head);
+  it.doc = zem_stream_get_lword(it.at);
+  it.first = index == 0 && (group > 0 || it.node->value->cont == 0);
+}
+
+// Gets the block of `node` from the cache, or from the file into the cache.
+zem_status fetch(const zem_spx &spx, zem_xiter &it, const zem_spx_node &node) {
+  std::shared_ptr<const zem_block> block = zem_cache_read(spx.cache, node.value->blk_no);
+  if (block == nullptr) {
+    auto fresh = std::make_shared_for_overwrite<zem_block>();
+    if (zem_status st = zem_spx_read_blk(spx, node, *fresh); st < 0) return st;
+    block = std::move(fresh);
+    zem_cache_write(spx.cache, node.value->blk_no, block);
+  }
+  it.block = std::move(block);
+  it.node = &node;
+  return zem_ok;
+}
+
+// Reads the block of `node` into the cursor's own buffer and stands on its first posting.
+zem_status scan_block(const zem_spx &spx, zem_xiter &it, const zem_spx_node *node) {
+  stand_on_nothing(it);
+  if (node == nullptr) return zem_ok;
+  if (it.buffer == nullptr) it.buffer = std::make_shared_for_overwrite<zem_block>();
+  if (zem_status st = zem_spx_read_blk(spx, *node, *it.buffer); st < 0) return st;
+  it.block = it.buffer;
+  it.node = node;
+  stand_on(it, 0, 0);
+  return zem_ok;
+}
+
+// The first group whose term is not before `term`.
+std::size_t find_group(const zem_block &block, const zem_term &term) {
+  const auto found =
+      std::lower_bound(block.groups.begin(), block.groups.end(), term,
+                       [&](std::uint16_t group, const zem_term &key) {
+                         return zem_xtree_compare(zem_spx_get_term(&block.bytes[group]), key) < 0;
+                       });
+  return static_cast<std::size_t>(found - block.groups.begin());
+}
+
+// The first of `count` descending ids that is not above `id`, or `count`.
+std::size_t find_id(const std::byte *ids, std::size_t count, std::uint64_t id) {
+  std::size_t low = 0;
+  while (low < count) {
+    const std::size_t middle = (low + count) / 2;
+    if (zem_stream_get_lword(ids + middle * format::id_size) > id) {
+      low = middle + 1;
+    } else {
+      count = middle;
+    }
+  }
+  return low;
+}
+
+}  // namespace
+
+zem_status zem_spx_iter_first(const zem_spx &spx, zem_xiter &it) {
+  stand_on_nothing(it);
+  const zem_spx_node *node = zem_xtree_node_first(spx.tree);
+  if (node == nullptr) return zem_ok;
+  if (zem_status st = fetch(spx, it, *node); st < 0) return st;
+  stand_on(it, 0, 0);
+  return zem_yes;
+}
+
+zem_status zem_spx_iter_find_x(const zem_spx &spx, zem_xiter &it, const zem_term &term,
+                               std::uint64_t id) {
+  stand_on_nothing(it);
+  bool past_end = false;
+  const zem_spx_node *node = zem_xtree_node_bfind(spx.tree, term, id, &past_end);
+  if (node == nullptr || past_end) return zem_ok;
+  if (zem_status st = fetch(spx, it, *node); st < 0) return st;
+
+  const std::size_t group = find_group(*it.block, term);
+  if (group == it.block->groups.size()) return zem_ok;
+  const std::byte *head = &it.block->bytes[it.block->groups[group]];
+  if (zem_spx_get_term(head) != term) return zem_ok;
+  const std::size_t count = zem_spx_get_count(head);
+  const std::size_t index = find_id(zem_spx_get_ids(head), count, id);
+  if (index == count) return zem_ok;  // the term ends with this group: the key is in this block
+  stand_on(it, group, index);
+  return zem_yes;
+}
+
+zem_status zem_spx_iterd_first(const zem_spx &spx, zem_xiter &it) {
+  return scan_block(spx, it, zem_xtree_node_first(spx.tree));
+}
+
+zem_status zem_spx_iter_next_group(const zem_spx &spx, zem_xiter &it) {
+  const bool last_group = it.group + 1 == it.block->groups.size();
+  stand_on_nothing(it);
+  const zem_spx_node *next = it.node->next;
+  if (!last_group || next == nullptr || next->value->cont == 0) return zem_ok;  // the term ends
+  if (zem_status st = fetch(spx, it, *next); st < 0) return st;
+  stand_on(it, 0, 0);
+  return zem_yes;
+}
+
+zem_status zem_spx_iterd_next_group(const zem_spx &spx, zem_xiter &it) {
+  if (it.group + 1 == it.block->groups.size()) return scan_block(spx, it, it.node->next);
+  stand_on(it, it.group + 1, 0);
+  return zem_ok;
+}
