@@ -1,0 +1,34 @@
+// A database: the registry of table names, the handles of opened tables, the host's callbacks.
+//
+// Every subdirectory of the root is a table. A name stays registered until the table is dropped. The
+// first open of a table builds its record, every further one adds a handle to it; the close of the
+// last handle takes the record apart. Opening, the last close, create and drop run under the
+// registry's lock for writing, so none of them meets another on the same table.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <string>
+#include <unordered_map>
+
+#include "base/mutex.h"
+
+#include "src/data_handles.h"
+#include "src/table.h"
+
+struct zem_sdb {
+  zem_sdb() = default;
+  zem_sdb(const zem_sdb &) = delete;
+  zem_sdb &operator=(const zem_sdb &) = delete;
+
+  static constexpr std::uint32_t first_slot = ZEM_SDB_SPLIT_OPEN;
+  static constexpr std::uint32_t last_slot = ZEM_SDB_PEER_COMMIT;
+
+  std::string path;            // the root; set once
+  zem_err *err_log = nullptr;  // the host's, or null
+  zem_hmap<zem_table> tables;
+  std::array<std::atomic<zem_sdb_function>, last_slot + 1> callbacks{};  // slot 0 is not used
+
+  zem_rwlock lock{zem_lock_rank::registry};
+  std::unordered_map<std::string, zem_ref<zem_table>> names ZEM_GUARDED_BY(lock);
+};

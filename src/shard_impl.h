@@ -1,0 +1,41 @@
+// What the shard's sources share and nobody else needs.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "base/stream.h"
+
+#include "src/spx.h"
+
+// Where a log that holds damage is copied before anything of it may be overwritten.
+inline constexpr const char *zem_shard_bad = ".bad";
+
+// Doc id `index` of a run.
+inline std::uint64_t zem_run_at(std::span<const std::byte> run, std::size_t index) noexcept {
+  return zem_stream_get_lword(run.data() + index * zem_spx_format::id_size);
+}
+
+// How many doc ids of a run lie above `id`, that is, before it. The run descends.
+inline std::size_t zem_run_above(std::span<const std::byte> run, std::uint64_t id) noexcept {
+  std::size_t low = 0;
+  std::size_t high = run.size() / zem_spx_format::id_size;
+  // The answer is small as a rule, so the range to search is found by doubling first.
+  std::size_t step = 1;
+  while (low + step <= high && zem_run_at(run, low + step - 1) > id) {
+    low += step;
+    step *= 2;
+  }
+  high = std::min(high, low + step - 1);
+  while (low < high) {
+    const std::size_t mid = (low + high) / 2;
+    if (zem_run_at(run, mid) > id) {
+      low = mid + 1;
+    } else {
+      high = mid;
+    }
+  }
+  return low;
+}

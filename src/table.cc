@@ -1,0 +1,217 @@
+#include "src/table.h"
+
+#include <algorithm>
+
+#include "base/clock.h"
+#include "base/err.h"
+
+#include "src/table_impl.h"
+
+namespace {
+
+constexpr std::uint64_t gate_wait_us = 300ULL * 1000 * 1000;
+
+}  // namespace
+
+zem_table::zem_table() = default;
+
+zem_table::~zem_table() {
+  zem_timer_kill(timer);
+  zem_task_close(task);
+  const std::vector<zem_shard *> owned = zem_table_shard_list(*this);
+  for (zem_shard *shard : owned)
+    delete shard;
+}
+
+std::vector<zem_shard *> zem_table_shard_list(const zem_table &table) {
+  zem_read_guard held(table.lock);
+  std::vector<zem_shard *> list;
+  const std::size_t count = zem_arrx_count(table.shards);
+  list.reserve(count);
+  for (std::size_t i = 0; i < count; ++i)
+    list.push_back(zem_arrx_get_at(table.shards, i));
+  return list;
+}
+
+namespace {
+
+// The caller holds `wait_mutex`, under which a split raises a shard's state too, so nobody slips in
+// between the look and the count.
+bool barred(const zem_table &table, zem_table_role role) ZEM_REQUIRES_SHARED(table.lock) {
+  const zem_shard_state highest = role == zem_table_role::writer ? zem_shard_state::splitting
+                                                                 : zem_shard_state::holding_writers;
+  for (std::size_t i = 0; i < zem_arrx_count(table.shards); ++i) {
+    if (zem_arrx_get_at(table.shards, i)->state > highest) return true;
+  }
+  return false;
+}
+
+enum class gate_answer : std::uint8_t { admitted, closed, barred };
+
+gate_answer try_enter(zem_table &table, zem_table_role role) ZEM_REQUIRES(table.wait_mutex)
+    ZEM_REQUIRES_SHARED(table.lock) {
+  if (!table.open) return gate_answer::closed;
+  if (barred(table, role)) return gate_answer::barred;
+  ++(role == zem_table_role::writer ? table.writers : table.readers);
+  ++table.holders;
+  return gate_answer::admitted;
+}
+
+}  // namespace
+
+zem_status zem_table_wait_lock(zem_table &table, zem_table_role role) {
+  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
+  for (;;) {
+    zem_read_guard shards_held(table.lock);
+    zem_lock_guard held(table.wait_mutex);
+    const gate_answer answer = try_enter(table, role);
+    if (answer == gate_answer::admitted) return zem_ok;
+    if (answer == gate_answer::closed) return zem_status{ZEM_SDB_E_CLOSED};
+    shards_held.unlock();
+    if (table.closing) return zem_status{-EBUSY};
+    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return zem_status{-EBUSY};
+  }
+}
+
+void zem_table_wait_clear(zem_table &table, zem_table_role role) {
+  zem_table_wait_stay(table, role);
+  zem_table_unhold(table);
+}
+
+void zem_table_wait_stay(zem_table &table, zem_table_role role) {
+  zem_lock_guard held(table.wait_mutex);
+  --(role == zem_table_role::writer ? table.writers : table.readers);
+  table.gate.wake_all();
+}
+
+zem_status zem_table_hold(zem_table &table) {
+  zem_lock_guard held(table.wait_mutex);
+  if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
+  ++table.holders;
+  return zem_ok;
+}
+
+void zem_table_unhold(zem_table &table) {
+  zem_lock_guard held(table.wait_mutex);
+  --table.holders;
+  table.gate.wake_all();
+}
+
+int zem_table_compare_x(const zem_shard &a, const zem_shard &b) noexcept {
+  const int order = zem_mkey_compare(a.mkey, b.mkey.term, b.mkey.id);
+  if (order != 0) return order;
+  return a.id < b.id ? -1 : static_cast<int>(a.id > b.id);
+}
+
+int zem_table_compare(const zem_shard &shard, const zem_term &term, std::uint64_t id) noexcept {
+  const int order = zem_xtree_compare(shard.mkey.term, term);
+  if (order != 0) return order;
+  return id == zem_id_first ? 1 : zem_mkey_compare(shard.mkey, term, id);
+}
+
+std::size_t zem_table_find(const zem_table &table, const zem_term &term, std::uint64_t id) {
+  // The last shard takes what lies beyond all others, so its key, which grows, is not looked at.
+  std::size_t low = 0;
+  std::size_t high = zem_arrx_count(table.shards) - 1;
+  while (low < high) {
+    const std::size_t mid = (low + high) / 2;
+    if (zem_table_compare(*zem_arrx_get_at(table.shards, mid), term, id) < 0) {
+      low = mid + 1;
+    } else {
+      high = mid;
+    }
+  }
+  return low;
+}
+
+zem_shard *zem_table_find_id(const zem_table &table, std::uint32_t number) {
+  const auto place = std::lower_bound(
+      table.shard_ids.begin(), table.shard_ids.end(), number,
+      [](const zem_shard *shard, std::uint32_t wanted) { return shard->id < wanted; });
+  return place != table.shard_ids.end() && (*place)->id == number ? *place : nullptr;
+}
+
+// The commit and merge requests, and what waits for background work.
+
+zem_status zem_table_commit(zem_table &table) {
+  if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
+  if (zem_status st = zem_table_update(table, true); st < 0) return st;
+  zem_table_request_commits(table, zem_table_which::written);
+  return zem_ok;
+}
+
+void zem_table_request_commits(zem_table &table, zem_table_which which) {
+  const std::uint32_t now = zem_time();
+  zem_read_guard held(table.lock);
+  for (std::size_t i = 0; i < zem_arrx_count(table.shards); ++i) {
+    zem_shard &shard = *zem_arrx_get_at(table.shards, i);
+    std::uint32_t stamp = shard.stamp;
+    const bool quiet = now - stamp > table.cfg.flush_time;
+    if (stamp == 0 || (which == zem_table_which::quiet && !quiet)) continue;
+    if (!shard.stamp.compare_exchange_strong(stamp, 0)) continue;  // written to just now
+    zem_task_add(table.task, shard, zem_task_kind::commit);
+  }
+}
+
+zem_status zem_table_merge(zem_table &table) {
+  if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
+  if (zem_status st = zem_table_update(table, true); st < 0) return st;
+  if (zem_status st = zem_table_hold(table); st < 0) return st;
+  zem_on_exit unhold([&] { zem_table_unhold(table); });
+  for (zem_shard *shard : zem_table_shard_list(table)) {
+    zem_read_guard held(shard->lock);
+    zem_shard_request(*shard);
+  }
+  return zem_ok;
+}
+
+zem_status zem_table_sync(zem_table &table) {
+  if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
+  zem_status first = zem_table_update(table, true);
+  if (zem_status st = zem_table_hold(table); st < 0) return zem_status_first(first, st);
+  zem_on_exit unhold([&] { zem_table_unhold(table); });
+  for (zem_shard *shard : zem_table_shard_list(table))
+    first = zem_status_first(first, zem_shard_commit(*shard));
+  zem_lock_guard listed(table.list_mutex);
+  return zem_status_first(first, zem_table_restore(table));
+}
+
+zem_status zem_table_wait(zem_table &table, std::uint32_t millis) {
+  if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
+  return zem_task_wait(table.task, zem_timer_stamp() + std::uint64_t{millis} * 1000);
+}
+
+namespace {
+
+// Whether the pending batch was quiet for long enough; marks it as seen to.
+bool take_quiet_batch(zem_table &table) {
+  const std::uint32_t now = zem_time();
+  zem_write_guard held(table.lock);
+  if (table.doc.tree.count == 0 || table.doc.time == 0) return false;
+  if (now - table.doc.time <= table.cfg.flush_time) return false;
+  table.doc.time = 0;
+  return true;
+}
+
+void request_retries(zem_table &table) {
+  if (zem_table_hold(table) < 0) return;
+  zem_on_exit unhold([&] { zem_table_unhold(table); });
+  const std::uint64_t now_us = zem_timer_stamp();
+  for (zem_shard *shard : zem_table_shard_list(table)) {
+    zem_read_guard held(shard->lock);
+    if (zem_shard_retry_due(*shard, now_us)) zem_shard_request(*shard);
+  }
+}
+
+}  // namespace
+
+void zem_table_timer(zem_table &table) {
+  if (!table.open) return;
+  {
+    zem_lock_guard listed(table.list_mutex);
+    std::ignore = zem_table_restore(table);
+  }
+  request_retries(table);  // first: a batch that cannot be routed may wait for just these
+  if (take_quiet_batch(table) && zem_table_update(table, false) < 0) return;
+  zem_table_request_commits(table, zem_table_which::quiet);
+}

@@ -1,0 +1,213 @@
+// An opened table: its shards, the pending batch, the worker threads and the timer.
+//
+// Updates gather in the pending batch. Routing takes the batch out, cuts it into one run per shard by
+// the shards' high keys, and applies each run to its shard's live log. What cannot be applied goes
+// back to the pending batch: nothing that was accepted is dropped.
+//
+// Every operation on shards passes the gate, which counts it as a writer or a reader while it works,
+// and which a split closes, first to writers and then to readers. Whoever holds a shard pointer
+// outside the table's lock is counted as a holder as well, so that clear and close can wait for them.
+//
+// The shard list file "sdb.lst" holds the numbers of the table's shards in ascending order as decimal
+// text, separated by line feeds. A reader takes blank lines, carriage returns and a line feed at the
+// end; zero, what is no number and a number that came before are skipped.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "base/file.h"
+#include "base/mutex.h"
+#include "base/status.h"
+#include "base/thread.h"
+
+#include "src/arrx.h"
+#include "src/data_config.h"
+#include "src/data_keys.h"
+#include "src/doc.h"
+#include "src/exec_task.h"
+#include "src/shard.h"
+
+inline constexpr const char *zem_table_cfg_file = "sdb.xml";
+inline constexpr const char *zem_table_list_file = "sdb.lst";
+inline constexpr std::uint32_t zem_table_timer_ms = 3000;
+
+// Who passes the gate, and how it is counted.
+enum class zem_table_role : std::uint8_t { writer, reader };
+
+struct zem_table {
+  zem_table();
+  ~zem_table();
+  zem_table(const zem_table &) = delete;
+  zem_table &operator=(const zem_table &) = delete;
+
+  // Set before the table is seen by anybody else.
+  std::string path;  // the table's directory
+  std::string name;
+  zem_cfg cfg;
+  zem_err *err_log = nullptr;        // the host's
+  std::shared_ptr<zem_fd> dir_lock;  // keeps other processes and databases out while open
+
+  // Raised and lowered under `wait_mutex`, read anywhere.
+  std::atomic<bool> open = false;  // serves requests; false while the table is cleared
+  std::atomic<bool> closing =
+      false;  // the last handle is gone: nobody waits or slows down any more
+
+  zem_mutex routing{zem_lock_rank::routing};
+  zem_doc batch ZEM_GUARDED_BY(routing);  // being routed; empty otherwise
+
+  zem_mutex list_mutex{zem_lock_rank::list};
+  // Some listed shard did not open: the list must not be written, or that shard would be lost.
+  bool incomplete ZEM_GUARDED_BY(list_mutex) = false;
+  // The list held lines that are no numbers: it is copied aside before it is written over.
+  bool list_odd ZEM_GUARDED_BY(list_mutex) = false;
+  // The list as it was before a clear that failed, while it could not be put back durably.
+  std::optional<std::string> list_owed ZEM_GUARDED_BY(list_mutex);
+
+  mutable zem_rwlock lock{zem_lock_rank::table};
+  zem_doc doc ZEM_GUARDED_BY(lock);                         // the pending batch
+  zem_status routed ZEM_GUARDED_BY(lock) = zem_ok;          // how the last routing went
+  zem_arrx<zem_shard> shards ZEM_GUARDED_BY(lock);          // by high key; owned
+  std::vector<zem_shard *> shard_ids ZEM_GUARDED_BY(lock);  // the same by number
+  std::uint32_t shard_seq ZEM_GUARDED_BY(lock) = 0;         // highest number issued
+
+  zem_mutex wait_mutex{zem_lock_rank::gate};
+  zem_cond gate;  // a count fell, a shard's state fell, or `open` or `closing` changed
+  std::uint32_t writers ZEM_GUARDED_BY(wait_mutex) = 0;  // from the gate to their last shard
+  std::uint32_t readers ZEM_GUARDED_BY(wait_mutex) = 0;
+  std::uint32_t holders ZEM_GUARDED_BY(wait_mutex) = 0;  // whoever keeps a shard pointer
+  bool clearing ZEM_GUARDED_BY(wait_mutex) = false;
+
+  zem_task task;
+  zem_timer timer;
+};
+
+// ---- life cycle
+
+// Opens the table of directory `path`: takes the directory's lock, repairs and loads every listed
+// shard, or makes shard 1, and starts workers and timer. A failure to open the shards is returned,
+// yet the table is then open without any. Errors of the lock and of the threads leave it closed.
+//
+// `served` tells whether the table is open.
+zem_status zem_table_open(zem_table &table, bool &served);
+
+// Ends waits and slow-downs of calls in progress. Called before the last close waits for them.
+void zem_table_close_begin(zem_table &table);
+// Stops timer and workers, routes the pending batch and closes every shard. No call is in progress
+// any more. Goes on past failures and returns the first.
+zem_status zem_table_close(zem_table &table);
+
+zem_status zem_table_clear(zem_table &table);
+
+// The timer's work: routes a batch and commits logs that were quiet for `flush_time`, and asks again
+// for merges that failed.
+void zem_table_timer(zem_table &table);
+
+// ---- the gate
+
+// Lets the caller in once no shard is in a state that bars its role, and counts it. It then picks its
+// shards under the table's lock; the shards found stay until zem_table_wait_clear.
+// Errors: ZEM_SDB_E_CLOSED; -EBUSY when barred for 300 s, or barred while the table closes.
+zem_status zem_table_wait_lock(zem_table &table, zem_table_role role) ZEM_EXCLUDES(table.lock);
+void zem_table_wait_clear(zem_table &table, zem_table_role role);
+
+// Counts a holder that is neither writer nor reader. ZEM_SDB_E_CLOSED while the table is not open.
+zem_status zem_table_hold(zem_table &table);
+void zem_table_unhold(zem_table &table);
+
+// ---- shard list
+
+// The numbers in "sdb.lst", ascending. zem_yes: at least one; zem_ok: none, and the table is to start
+// anew, every file of former shards having been renamed aside.
+zem_status zem_table_read(zem_table &table, std::vector<std::uint32_t> &numbers)
+    ZEM_REQUIRES(table.list_mutex);
+// Replaces "sdb.lst" durably. Once the new list has its name, a failure to sync the directory is only
+// logged: there is no way back then. Errors leave the old list.
+zem_status zem_table_write(zem_table &table, const std::vector<std::uint32_t> &numbers)
+    ZEM_REQUIRES(table.list_mutex);
+
+// Empties "sdb.lst", durably, before the shards that it named are removed. A failure leaves the list
+// as it was; where the disk does not let that happen, the list is owed.
+zem_status zem_table_write_empty(zem_table &table) ZEM_REQUIRES(table.list_mutex);
+// Writes a list that is owed. Until that succeeds nothing can be promised to be found again.
+zem_status zem_table_restore(zem_table &table) ZEM_REQUIRES(table.list_mutex);
+
+// ---- shards
+
+std::unique_ptr<zem_shard> zem_table_shard(zem_table &table, std::uint32_t number);
+
+// The order of `shards`: by high key, then by number. Negative, zero or positive.
+int zem_table_compare_x(const zem_shard &a, const zem_shard &b) noexcept;
+
+// Negative, zero or positive as the shard's high key comes before, equals or comes after the key; an
+// id of all ones stands before every id of its term.
+int zem_table_compare(const zem_shard &shard, const zem_term &term, std::uint64_t id) noexcept;
+
+// The position in `shards` of the shard to which the key belongs: the first whose high key is not
+// before it, else the last. There is at least one shard.
+std::size_t zem_table_find(const zem_table &table, const zem_term &term, std::uint64_t id)
+    ZEM_REQUIRES_SHARED(table.lock);
+
+zem_shard *zem_table_find_id(const zem_table &table, std::uint32_t number)
+    ZEM_REQUIRES_SHARED(table.lock);
+
+// ---- writing
+
+// Routes the pending batch, or waits for the routings that began before. With `slow_down` the caller
+// is then held up as far as background work lags behind.
+zem_status zem_table_update(zem_table &table, bool slow_down);
+// Routes the host's batch at once and leaves it to the host; adds a row to `keys`, when given, for
+// each shard whose high key grew.
+zem_status zem_table_update_x(zem_table &table, const zem_doc &doc, zem_keys *keys);
+
+// Whether routing fails and the pending batch has grown to 16 times `commit_num`, so that it takes no
+// more.
+bool zem_table_stuck(const zem_table &table) ZEM_REQUIRES_SHARED(table.lock);
+
+// Adds changes to the pending batch by calling `load(batch)`, and routes it when it is full. While the
+// table is stuck the changes are routed past it, and refused as far as they cannot be applied.
+template <class Load>
+zem_status zem_table_add(zem_table &table, Load load) {
+  for (bool retried = false;; retried = true) {
+    zem_write_guard held(table.lock);
+    if (!zem_table_stuck(table)) {
+      load(table.doc);
+      const bool full = table.doc.count >= table.cfg.commit_num;
+      held.unlock();
+      return full ? zem_table_update(table, true) : zem_ok;
+    }
+    held.unlock();
+    if (retried) break;
+    std::ignore = zem_table_update(table, false);  // shows in zem_table_stuck
+  }
+  zem_doc own;
+  load(own);
+  return zem_table_update_x(table, own, nullptr);
+}
+
+zem_status zem_table_commit(zem_table &table);
+zem_status zem_table_merge(zem_table &table);
+zem_status zem_table_sync(zem_table &table);
+zem_status zem_table_wait(zem_table &table, std::uint32_t millis);
+
+// ---- reading
+
+zem_status zem_table_query(zem_table &table, const zem_var &heads, const zem_var &thirds,
+                           zem_var &ids);
+zem_status zem_table_shards(zem_table &table, zem_keys &keys);
+zem_status zem_table_key_count(zem_table &table, std::uint32_t number, std::uint64_t &log_count,
+                               std::uint64_t &dat_count);
+// Adds to the totals.
+struct zem_table_totals {
+  std::uint64_t count = 0;   // distinct terms, an estimate
+  std::uint64_t xcount = 0;  // postings recorded
+  std::uint64_t fsize = 0;   // bytes of files
+  std::uint64_t msize = 0;   // bytes of the shards' maps
+};
+zem_status zem_table_count(zem_table &table, zem_table_totals &totals);
