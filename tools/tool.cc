@@ -1,0 +1,109 @@
+#include "tools/tool.h"
+
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <new>
+#include <ostream>
+#include <system_error>
+
+#include "include/zem_sdb.h"
+#include "tools/commands.h"
+
+namespace {
+
+// What the command line said; the members of the command that was named are filled in.
+struct arguments {
+  tool_index_options index;
+  tool_search_options search;
+  std::string root;
+  std::string table;
+  bool lines = false;
+  bool json = false;
+};
+
+void add_place(CLI::App &command, std::string &root, std::string &table) {
+  command.add_option("ROOT", root, "directory of the database")->required();
+  command.add_option("TABLE", table, "name of the table")->required();
+}
+
+tool_exit run_command(const CLI::App &app, arguments &given, const tool_io &io) {
+  if (app.got_subcommand("create")) return tool_create(io, given.root, given.table);
+  if (app.got_subcommand("drop")) return tool_drop(io, given.root, given.table);
+  if (app.got_subcommand("list")) return tool_list_tables(io, given.root);
+  if (app.got_subcommand("stat")) return tool_stat(io, given.root, given.table, given.json);
+  if (app.got_subcommand("search")) return tool_search(io, given.search);
+  given.index.unit = given.lines ? tool_unit::line : tool_unit::paragraph;
+  return tool_index(io, given.index);
+}
+
+tool_exit parse_and_run(int argc, const char *const *argv, const tool_io &io) {
+  CLI::App app("Indexes text files and finds documents by their words.", "sdb");
+  app.set_version_flag("--version", std::string("sdb ") + zem_sdb_version());
+  app.require_subcommand(1);
+  app.footer(
+      "Ends with 0 when it found or did something, 1 when a search found nothing, 2 when\n"
+      "the arguments make no sense, 3 after a failure.");
+  arguments given;
+
+  add_place(*app.add_subcommand("create", "Make a table"), given.root, given.table);
+  add_place(*app.add_subcommand("drop", "Remove a table with all it holds"), given.root,
+            given.table);
+  app.add_subcommand("list", "Print the names of the tables")
+      ->add_option("ROOT", given.root, "directory of the database")
+      ->required();
+
+  CLI::App &index = *app.add_subcommand(
+      "index", "Add the words of text files; files indexed before are skipped unless they changed");
+  add_place(index, given.index.root, given.index.table);
+  index.add_option("PATH", given.index.paths, "files, or directories to walk")->required();
+  index.add_flag("--lines", given.lines, "make each line a document, not each paragraph");
+
+  CLI::App &search = *app.add_subcommand("search", "Print the documents that hold all the words");
+  add_place(search, given.search.root, given.search.table);
+  search.add_option("WORD", given.search.words, "words to find")->required();
+  search.add_flag("--any", given.search.any, "one of the words is enough");
+  search.add_option("--limit", given.search.limit, "documents to show; 0 shows all");
+
+  CLI::App &stat = *app.add_subcommand("stat", "Print counts, sizes and shards of a table");
+  add_place(stat, given.root, given.table);
+  stat.add_flag("--json", given.json, "print them as JSON");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    return app.exit(error, io.out, io.err) == 0 ? tool_exit::done : tool_exit::usage;
+  }
+  return run_command(app, given, io);
+}
+
+}  // namespace
+
+tool_problem tool_problem_errno(std::string_view what, int error) {
+  return {std::string(what) + ": " + std::generic_category().message(error)};
+}
+
+tool_exit tool_fail(const tool_io &io, const tool_problem &problem) {
+  io.err << "sdb: " << tool_printable(problem.sentence) << '\n';
+  return tool_exit::failed;
+}
+
+std::string tool_printable(std::string_view text) {
+  std::string printable(text);
+  for (char &c : printable) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((byte < 0x20 && c != '\t') || byte == 0x7f) c = '?';
+  }
+  return printable;
+}
+
+int tool_run(int argc, const char *const *argv, const tool_io &io) {
+  tool_exit end = tool_exit::failed;
+  try {
+    end = parse_and_run(argc, argv, io);
+  } catch (const std::bad_alloc &) {
+    io.err << "sdb: out of memory: close other programs, or search for rarer words\n";
+  } catch (const std::exception &error) {
+    io.err << "sdb: " << error.what() << '\n';
+  }
+  return static_cast<int>(end);
+}
