@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(
   # compilers, build, checks
-  g++ clang clang-format clang-tidy cmake ninja-build pkg-config git python3
+  g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build pkg-config git python3
   # the library's tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   # the program `sdb`: arguments, JSON, Unicode, hash

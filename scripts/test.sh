@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Sets a fresh machine up and runs what every change has to pass: packages, format, layers, and the
-# release build with all its tests. scripts/check.sh adds Clang, clang-tidy and the sanitizers.
+# Sets a fresh machine up and runs every check that a change has to pass. Takes about a quarter of an
+# hour on two cores.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
-scripts/check.sh format layers release
+scripts/check.sh

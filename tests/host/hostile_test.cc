@@ -48,7 +48,7 @@ class memory_limit {
   memory_limit &operator=(const memory_limit &) = delete;
 
  private:
-  rlimit before_{};
+  [[maybe_unused]] rlimit before_{};
 };
 
 // Bytes that went wrong in one of the ways of disks, copies and hands.

@@ -265,11 +265,16 @@ void every_cut(const disk_state &state, std::mt19937_64 &random, const crash_vis
 
 void every_crash(const disk_story &story, std::size_t first,
                  const std::function<void(std::size_t done, const crash &end)> &visit) {
+#ifdef NDEBUG
+  constexpr std::size_t stride = 1;
+#else
+  constexpr std::size_t stride = 3;  // the sanitizers' builds are slow, and see enough with a third
+#endif
   std::mt19937_64 random(seed);
   disk_state state = story.start;
   for (std::size_t done = 0; done <= story.ops.size(); ++done) {
     if (done > 0) state.apply(story.ops[done - 1]);
-    if (done < first) continue;
+    if (done < first || (story.ops.size() - done) % stride != 0) continue;
     const disk_op *next = done < story.ops.size() ? story.ops[done].get() : nullptr;
     const auto visit_this = [&](const crash &end) { visit(done, end); };
     every_kill(state, next, visit_this);
