@@ -37,7 +37,7 @@
 #ifndef ZEM_SDB_H
 #define ZEM_SDB_H
 
-#include <stdint.h>
+#include <stdint.h> /* NOLINT(modernize-deprecated-headers): C has no other */
 
 #ifdef __cplusplus
 extern "C" {

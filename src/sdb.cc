@@ -115,7 +115,7 @@ std::uint64_t open_table(zem_sdb &sdb, const std::string &name) {
   zem_on_exit undo([&] { ref.obj = nullptr; });
   const std::uint64_t handle = zem_hmap_add(sdb.tables, ref);
   undo.release();
-  table.release();  // the slot's, until the last handle goes
+  std::ignore = table.release();  // the slot's, until the last handle goes
   return handle;
 }
 

@@ -156,8 +156,8 @@ zem_status take_log(zem_shard &shard, merge_pass &pass) ZEM_UNCHECKED_LOCKS {
         zem_spx_insert(shard.mdat, pass.out, pass.log.doc, pass.log.term, pass.key, pass.pause_ms);
     if (st < 0) return st;
   }
-  const bool both =
-      zem_xiter_stands(pass.dat) && pass.dat.doc == pass.log.doc && pass.dat.term == pass.log.term;
+  const bool both = zem_xiter_stands(pass.dat) && pass.dat.doc == pass.log.doc &&
+                    zem_xtree_same(pass.dat.term, pass.log.term);
   if (both) {
     if (zem_status st = zem_spx_iterd_next(shard.dat, pass.dat); st < 0) return st;
   }

@@ -171,8 +171,8 @@ std::size_t group_end(const zem_proc &proc) noexcept {
 }
 
 bool continues_group(const zem_spm &spm, const zem_proc &proc, const zem_term &term) noexcept {
-  return proc.last != zem_id_first && proc.term == term && group_end(proc) == spm.blk_pos &&
-         proc.blk_no == spm.blk_no;
+  return proc.last != zem_id_first && zem_xtree_same(proc.term, term) &&
+         group_end(proc) == spm.blk_pos && proc.blk_no == spm.blk_no;
 }
 
 bool has_room(const zem_spm &spm, const zem_proc &proc, const zem_term &term,

@@ -109,7 +109,7 @@ std::size_t room_for(const zem_xblk &xblk, bool opens) {
 
 void open_group(zem_xblk &xblk, const zem_term &term) {
   if (xblk.rec_num == 0)
-    xblk.cont = xblk.blk_no > format::first_data_block && xblk.term == term ? 1 : 0;
+    xblk.cont = xblk.blk_no > format::first_data_block && zem_xtree_same(xblk.term, term) ? 1 : 0;
   xblk.term = term;
   xblk.gpos = xblk.pos;
   xblk.num = 0;

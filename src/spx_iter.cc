@@ -98,7 +98,7 @@ zem_status zem_spx_iter_find_x(const zem_spx &spx, zem_xiter &it, const zem_term
   const std::size_t group = find_group(*it.block, term);
   if (group == it.block->groups.size()) return zem_ok;
   const std::byte *head = &it.block->bytes[it.block->groups[group]];
-  if (zem_spx_get_term(head) != term) return zem_ok;
+  if (!zem_xtree_same(zem_spx_get_term(head), term)) return zem_ok;
   const std::size_t count = zem_spx_get_count(head);
   const std::size_t index = find_id(zem_spx_get_ids(head), count, id);
   if (index == count) return zem_ok;  // the term ends with this group: the key is in this block

@@ -95,11 +95,11 @@ bool key_follows(const zem_spx_node *before, const posting_key &key) {
 bool matches_entry(const zem_block &block, const zem_spx_node &node) {
   const posting_key first = first_key(block);
   const posting_key last = last_key(block);
-  const bool continues = node.prev != nullptr && node.prev->term == first.term;
+  const bool continues = node.prev != nullptr && zem_xtree_same(node.prev->term, first.term);
   return block.groups.size() == node.value->grp_num &&
          zem_stream_get_word(&block.bytes[format::posting_count_at]) == node.value->rec_num &&
-         continues == (node.value->cont != 0) && last.term == node.term && last.id == node.id &&
-         key_follows(node.prev, first);
+         continues == (node.value->cont != 0) && zem_xtree_same(last.term, node.term) &&
+         last.id == node.id && key_follows(node.prev, first);
 }
 
 }  // namespace
@@ -149,7 +149,7 @@ bool fits_index(const zem_spx &spx, const posting_key &key, const zem_spx_val &v
   if (val.blk_no != static_cast<std::uint64_t>(spx.tree.count) + format::first_data_block)
     return false;
   if (before == nullptr) return val.cont == 0;
-  const bool same_term = before->term == key.term;
+  const bool same_term = zem_xtree_same(before->term, key.term);
   return key_follows(before, key) && same_term == (val.cont == 1 && val.grp_num == 1);
 }
 
@@ -221,7 +221,7 @@ bool take_block(zem_spx &spx, std::uint32_t blk_no, zem_block &block) {
   const zem_spx_node *before = zem_xtree_node_last(spx.tree);
   const posting_key first = first_key(block);
   if (!key_follows(before, first)) return false;
-  const std::uint16_t cont = before != nullptr && before->term == first.term ? 1 : 0;
+  const std::uint16_t cont = before != nullptr && zem_xtree_same(before->term, first.term) ? 1 : 0;
   const posting_key last = last_key(block);
   zem_spx_add_blk(spx, last.term, last.id,
                   {blk_no, zem_stream_get_word(&block.bytes[format::group_count_at]),

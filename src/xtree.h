@@ -32,6 +32,11 @@ inline constexpr std::uint64_t zem_id_first = ~std::uint64_t{0};
 // The order of terms: word 0 decides, then word 1, then word 2. -1, 0 or 1.
 inline int zem_xtree_compare(const zem_term &a, const zem_term &b) noexcept;
 
+// Whether two terms are equal, word by word: the array's own comparison would call memcmp.
+inline bool zem_xtree_same(const zem_term &a, const zem_term &b) noexcept {
+  return ((a[0] ^ b[0]) | (a[1] ^ b[1]) | (a[2] ^ b[2])) == 0;
+}
+
 // The order of keys, in which every id, all ones too, is compared as it is. -1, 0 or 1.
 inline int zem_xtree_key_compare(const zem_term &term_a, std::uint64_t id_a, const zem_term &term_b,
                                  std::uint64_t id_b) noexcept;
@@ -192,8 +197,8 @@ void zem_xtree_link(const zem_xentry<Value> &entry, std::uint32_t index) noexcep
   node->first = 1;
   if (node->prev != nullptr) {
     node->prev->next = node;
-    const bool same_term =
-        index > 0 ? zem_xarray_same_term(array, index - 1) : node->prev->term == node->term;
+    const bool same_term = index > 0 ? zem_xarray_same_term(array, index - 1)
+                                     : zem_xtree_same(node->prev->term, node->term);
     if (same_term) node->first = 0;
   }
   if (!at_end) {
@@ -349,37 +354,48 @@ std::uint64_t zem_xtree_msize(const zem_xtree<Value> &tree) noexcept {
          zem_pool_msize(tree.value_pool);
 }
 
+// Whether a node stands in the list right behind `last`, which is null before the first one.
+template <class Value>
+bool zem_xtree_node_valid(const zem_xnode<Value> &node, const zem_xnode<Value> *last) noexcept {
+  if (node.prev != last) return false;
+  if (last == nullptr) return node.first == 1;
+  if (last->next != &node) return false;
+  if (zem_xtree_key_compare(last->term, last->id, node.term, node.id) >= 0) return false;
+  return node.first == (zem_xtree_same(last->term, node.term) ? 0 : 1);
+}
+
+// Whether an entry's count is one that the tree allows, and its unused slots hold the greatest head.
+template <class Value>
+bool zem_xtree_slots_valid(const zem_xentry<Value> &entry, bool root) noexcept {
+  const std::uint32_t count = entry.items.count;
+  const std::uint32_t least = root ? 1 + (entry.level > 0) : 16;
+  if (count < least || count >= zem_xarray_capacity) return false;
+  for (std::uint32_t i = count; i < zem_xarray_capacity; ++i) {
+    if (entry.items.heads[i] != zem_xkey_greatest.head) return false;
+  }
+  return true;
+}
+
 // Walks the entries below (and with) `entry` in key order; `last` is the node visited last.
 template <class Value>
 bool zem_xtree_entry_valid(const zem_xtree<Value> &tree, const zem_xentry<Value> &entry,
                            const zem_xnode<Value> *&last) {
-  const std::uint32_t count = entry.items.count;
   const bool root = entry.parent == nullptr;
-  if (root != (&entry == tree.root)) return false;
-  if (count >= zem_xarray_capacity || count < (root ? 1 + (entry.level > 0) : 16)) return false;
-  for (std::uint32_t i = count; i < zem_xarray_capacity; ++i) {
-    if (entry.items.heads[i] != zem_xkey_greatest.head) return false;
-  }
-  for (std::uint32_t i = 0; i < count; ++i) {
+  if (root != (&entry == tree.root) || !zem_xtree_slots_valid(entry, root)) return false;
+  for (std::uint32_t i = 0; i < entry.items.count; ++i) {
     const zem_xkey key = zem_xarray_key_at(entry.items, i);
-    if (entry.level > 0) {
-      const zem_xentry<Value> &child = *entry.items.items[i].entry;
-      if (child.parent != &entry || child.level + 1 != entry.level) return false;
-      if (!zem_xtree_entry_valid(tree, child, last)) return false;
-      const bool at_end = last->next == nullptr;
-      if (key != (at_end ? zem_xkey_greatest : zem_xtree_key(last->term, last->id))) return false;
+    if (entry.level == 0) {
+      const zem_xnode<Value> &node = *entry.items.items[i].node;
+      if (zem_xtree_key(node.term, node.id) != key || !zem_xtree_node_valid(node, last))
+        return false;
+      last = &node;
       continue;
     }
-    const zem_xnode<Value> &node = *entry.items.items[i].node;
-    if (zem_xtree_key(node.term, node.id) != key) return false;
-    if (node.prev != last) return false;
-    if (last != nullptr && last->next != &node) return false;
-    if (last != nullptr && zem_xtree_key_compare(last->term, last->id, node.term, node.id) >= 0) {
-      return false;
-    }
-    const bool opens_term = last == nullptr || last->term != node.term;
-    if (node.first != (opens_term ? 1 : 0)) return false;
-    last = &node;
+    const zem_xentry<Value> &child = *entry.items.items[i].entry;
+    if (child.parent != &entry || child.level + 1 != entry.level) return false;
+    if (!zem_xtree_entry_valid(tree, child, last)) return false;
+    const bool at_end = last->next == nullptr;
+    if (key != (at_end ? zem_xkey_greatest : zem_xtree_key(last->term, last->id))) return false;
   }
   return true;
 }
