@@ -67,7 +67,8 @@ struct zem_table {
   bool incomplete ZEM_GUARDED_BY(list_mutex) = false;
   // The list held lines that are no numbers: it is copied aside before it is written over.
   bool list_odd ZEM_GUARDED_BY(list_mutex) = false;
-  // The list as it was before a clear that failed, while it could not be put back durably.
+  // What the list has to say, while that could not be made durable: the list as it was before a clear
+  // that failed, or a new one whose directory does not sync.
   std::optional<std::string> list_owed ZEM_GUARDED_BY(list_mutex);
 
   mutable zem_rwlock lock{zem_lock_rank::table};
@@ -127,15 +128,16 @@ void zem_table_unhold(zem_table &table);
 // anew, every file of former shards having been renamed aside.
 zem_status zem_table_read(zem_table &table, std::vector<std::uint32_t> &numbers)
     ZEM_REQUIRES(table.list_mutex);
-// Replaces "sdb.lst" durably. Once the new list has its name, a failure to sync the directory is only
-// logged: there is no way back then. Errors leave the old list.
+// Replaces "sdb.lst" durably. Once the new list has its name there is no way back: where the directory
+// does not sync then, that is logged and the list is owed. Errors leave the old list.
 zem_status zem_table_write(zem_table &table, const std::vector<std::uint32_t> &numbers)
     ZEM_REQUIRES(table.list_mutex);
 
 // Empties "sdb.lst", durably, before the shards that it named are removed. A failure leaves the list
 // as it was; where the disk does not let that happen, the list is owed.
 zem_status zem_table_write_empty(zem_table &table) ZEM_REQUIRES(table.list_mutex);
-// Writes a list that is owed. Until that succeeds nothing can be promised to be found again.
+// Writes a list that is owed. Until that succeeds nothing is promised to survive a power cut: a sync
+// of the table fails.
 zem_status zem_table_restore(zem_table &table) ZEM_REQUIRES(table.list_mutex);
 
 // ---- shards

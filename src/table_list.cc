@@ -142,6 +142,7 @@ zem_status zem_table_write(zem_table &table, const std::vector<std::uint32_t> &n
   if (zem_status st = zem_dir_sync(table.path); st < 0) {
     zem_err_log(table.err_log, 0, "table %s: %s may not survive a power cut: %d",
                 table.name.c_str(), list.c_str(), st);
+    table.list_owed = std::move(text);
   }
   return zem_ok;
 }
@@ -154,7 +155,7 @@ zem_status zem_table_restore(zem_table &table) {
   if (st >= 0) {
     table.list_owed.reset();
   } else {
-    zem_err_log(table.err_log, 0, "table %s: %s cannot be restored and may come back empty: %d",
+    zem_err_log(table.err_log, 0, "table %s: %s still may not survive a power cut: %d",
                 table.name.c_str(), list.c_str(), st);
   }
   return st;

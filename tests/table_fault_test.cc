@@ -80,6 +80,14 @@ class faulty_life {
     note();
     if (opened) std::ignore = table.merge();
   }
+  void close() {
+    note();
+    if (!opened) return;
+    opened = false;
+    closed_badly = table.close() < 0;
+    if (!closed_badly) durable = accepted.size();
+    note();
+  }
 
   // From here on this is promised.
   void note() {
@@ -95,6 +103,7 @@ class faulty_life {
   faulty_files files{disk_recorder::calls};
   table_life table{directory_.path()};
   bool opened = false;
+  bool closed_badly = false;  // what it had accepted and not committed may be gone
   std::vector<posting> accepted;
   std::size_t durable = 0;
   std::map<std::size_t, bounds> notes;  // by the number of operations before
@@ -146,6 +155,13 @@ class TableFaultTest : public ::testing::Test {
       life.table.kill();
       ASSERT_EQ(life.table.open(), zem_ok);
       ASSERT_EQ(life.table.wait(), zem_yes);
+    }
+    if (life.closed_badly) {
+      const postings held = life.table.held();
+      EXPECT_TRUE(contains(held, first_of(life.accepted, life.durable)));
+      EXPECT_TRUE(contains(first_of(life.accepted, life.accepted.size()), held));
+      life.accepted.assign(held.begin(), held.end());
+      life.durable = life.accepted.size();
     }
     life.table.clock.advance_ms(long_ms);
     zem_table_timer(*life.table);
@@ -301,6 +317,45 @@ TEST_F(TableFaultTest, CommitsLoseNothing) {
     life.insert(keys(2, 11, 5));
     life.sync();
   });
+}
+
+TEST_F(TableFaultTest, AFirstOpenAndACloseLoseNothing) {
+  sweep("first open and close", disk_state{}, [](faulty_life &life) {
+    life.open();
+    life.insert(keys(1, 1, 5));
+    life.sync();
+    life.insert(keys(1, 11, 5));
+    life.close();
+  });
+}
+
+// A create that fails can be repeated. Where the disk did not let it take its directory back either,
+// the next database finds that as a table.
+TEST_F(TableFaultTest, ACreateThatFailsIsNotInTheWay) {
+  for (const fault &kind :
+       {fault{EIO, false}, fault{ENOSPC, false}, fault{EIO, true}, fault{ENOSPC, true}}) {
+    bool failed = true;
+    for (std::uint64_t nth = 1; failed && !HasFailure(); ++nth) {
+      const temp_dir directory;
+      zem_sdb *sdb = zem_sdb_new(directory.path().c_str(), nullptr);
+      faulty_files files;
+      kind.lasts ? files.fail_from(nth, kind.error) : files.fail_once(nth, kind.error);
+      const std::int32_t created = zem_sdb_table_create(sdb, "t");
+      failed = files.has_failed();
+      files.fail_none();
+      EXPECT_TRUE(failed || created == zem_ok);
+      const std::int32_t again = zem_sdb_table_create(sdb, "t");
+      if (created >= 0) {
+        EXPECT_EQ(again, ZEM_SDB_E_NAME);
+      } else {
+        EXPECT_TRUE(again == zem_ok || (kind.lasts && again == -EEXIST)) << nth;
+      }
+      zem_sdb_free(sdb);
+      sdb = zem_sdb_new(directory.path().c_str(), nullptr);
+      EXPECT_NE(zem_sdb_table_open(sdb, "t"), 0);
+      zem_sdb_free(sdb);
+    }
+  }
 }
 
 TEST_F(TableFaultTest, FullBlocksLoseNothing) {
