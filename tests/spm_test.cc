@@ -1,17 +1,12 @@
 #include "src/spm.h"
 
-#include <atomic>
+#include <array>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <thread>
 
 #include "tests/support/faulty_files.h"
 #include "tests/support/log_file.h"
 
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 TEST_F(LogTest, WritesTheBlockByteByByte) {
   insert({0x01020304, 5, 6}, 0x1112131415161718);
@@ -19,7 +14,6 @@ TEST_F(LogTest, WritesTheBlockByteByByte) {
   insert({0x01020304, 8, 9}, 1);
   remove({0x01020304, 5, 6}, 7);
   ASSERT_EQ(commit(), zem_ok);
-
   constexpr std::array<std::uint8_t, 87> written{
       0xc1, 0xff, 0xc4, 0xaa,                                             // checksum
       1,    4,    0,    2,    0,                                          // kind, counts
@@ -37,311 +31,114 @@ TEST_F(LogTest, WritesTheBlockByteByByte) {
   EXPECT_EQ(spm->file.size, 8U << 20);
 }
 
-TEST_F(LogTest, ResultsTellWhetherTheKeyGrew) {
-  EXPECT_EQ(try_insert(cat, 7), zem_yes);
-  EXPECT_EQ(try_insert(cat, 9), zem_ok);
-  EXPECT_EQ(try_insert(cat, 3), zem_yes);
-  EXPECT_EQ(try_remove(cat, 3), zem_ok);
-
-  zem_mkey other;
-  EXPECT_EQ(zem_spm_delete(*spm, proc, 9, cat, other), zem_yes);
-  EXPECT_EQ(zem_mkey_compare(other, cat, 9), 0);
-}
-
 TEST_F(LogTest, InsertsOfKnownAndDeletesOfUnknownPostingsLeaveNoTrace) {
   insert(cat, 7);
   insert(dog, 7);
   remove(dog, 7);
   ASSERT_EQ(commit(), zem_ok);
-  const std::uint32_t pos = spm->blk_pos;
-
-  EXPECT_EQ(try_insert(cat, 7), zem_ok);
-  EXPECT_EQ(try_insert(dog, 7), zem_ok);
-  EXPECT_EQ(try_remove(cat, 8), zem_ok);
-
-  EXPECT_THAT(postings(), ElementsAre(log_posting{cat, 7}, log_posting{dog, 7, true}));
-  EXPECT_EQ(spm->blk_pos, pos);
-  EXPECT_FALSE(zem_spm_dirty(*spm));
-}
-
-TEST_F(LogTest, CountsRecordsOfTheBlockAndInsertsOfTheLog) {
-  insert(cat, 7);  // opens its term
-  insert(cat, 9);
-  insert(dog, 1);  // opens its term
-  remove(cat, 9);
-  remove(dog, 1);  // the only one of its term still
-  EXPECT_EQ(spm->blk_recs, 5U);
-  EXPECT_EQ(spm->blk_terms, 3U);
-  EXPECT_EQ(spm->sum_recs, 3U);
-  EXPECT_EQ(spm->sum_terms, 2U);
-
-  ASSERT_EQ(commit(), zem_ok);
-  ASSERT_EQ(reopen(), zem_ok);
-  EXPECT_EQ(spm->blk_recs, 5U);
-  EXPECT_EQ(spm->sum_recs, 5U);
-  EXPECT_EQ(spm->sum_terms, 3U);
-}
-
-TEST_F(LogTest, TermsThatAlternateOpenAGroupEachTime) {
   insert(cat, 7);
   insert(dog, 7);
-  insert(cat, 8);
-  EXPECT_EQ(spm->blk_pos, 9U + 3 * (14 + 9));
-  ASSERT_EQ(commit(), zem_ok);
-  ASSERT_EQ(reopen(), zem_ok);
-  EXPECT_THAT(postings(),
-              ElementsAre(log_posting{cat, 8}, log_posting{cat, 7}, log_posting{dog, 7}));
+  remove(cat, 8);
+  EXPECT_THAT(postings(), testing::ElementsAre(log_posting{cat, 7}, log_posting{dog, 7, true}));
+  EXPECT_FALSE(zem_spm_dirty(*spm));
 }
 
 TEST_F(LogTest, AGroupIsOverOnceAnotherWriterHasWritten) {
-  insert(cat, 7);
   zem_proc other;
-  ASSERT_EQ(zem_spm_insert(*spm, other, 6, cat, mkey), zem_yes);
-  insert(cat, 5);
-  ASSERT_EQ(zem_spm_insert(*spm, other, 4, cat, mkey), zem_yes);
-  EXPECT_EQ(spm->blk_pos, 9U + 4 * (14 + 9));
-  ASSERT_EQ(commit(), zem_ok);
-  ASSERT_EQ(reopen(), zem_ok);
-  EXPECT_EQ(postings().size(), 4U);
+  for (std::uint64_t id = 9; id > 5; --id)
+    ASSERT_EQ(zem_spm_insert(*spm, id % 2 == 0 ? other : proc, id, cat, mkey), zem_yes);
+  expect_to_stay();
 }
 
-// Bytes left in the block, the operation, and whether it still goes there.
-struct block_edge {
-  std::size_t left;
-  bool insert;
-  bool opens;
-  bool fits;
-};
-
-class LogEdgeTest : public LogTest, public ::testing::WithParamInterface<block_edge> {};
-
-TEST_P(LogEdgeTest, APostingGoesIntoTheBlockOnlyWithRoomForIt) {
-  const block_edge edge = GetParam();
-  const zem_term &term = edge.opens ? cat : dog;
-  if (!edge.insert && edge.opens) insert(cat, 5);
-  fill_until(edge.left);
-  const std::uint64_t id = edge.insert || edge.opens ? 5 : next_id - 1;
-  const std::vector<log_posting> before = postings();
-
-  ASSERT_GE(edge.insert ? try_insert(term, id) : try_remove(term, id), zem_ok);
-
-  EXPECT_EQ(spm->blk_no, edge.fits ? 0U : 1U);
-  EXPECT_TRUE(edge.fits || spm->blk_pos == 9U + 14 + 9) << "a new block begins with a group";
-  const std::vector<log_posting> after = postings();
-  EXPECT_NE(after, before);
-  ASSERT_EQ(commit(), zem_ok);
-  ASSERT_EQ(reopen(), zem_ok);
-  EXPECT_EQ(postings(), after);
+TEST_F(LogTest, APostingGoesIntoTheBlockOnlyWithRoomForIt) {
+  for (const std::size_t left : {13U, 12U, 27U, 26U, 9U, 8U, 23U, 22U}) {
+    SCOPED_TRACE(left);
+    const bool inserts = left / 2 == 6 || left / 2 == 13;  // else deletes
+    const bool opens = left > 20;                          // a group
+    start();
+    if (!inserts && opens) insert(cat, 5);
+    fill_until(left);
+    const std::uint64_t id = inserts || opens ? 5 : next_id - 1;
+    const zem_term &term = opens ? cat : dog;
+    const std::vector<log_posting> before = postings();
+    ASSERT_GE(inserts ? try_insert(term, id) : try_remove(term, id), zem_ok);
+    EXPECT_EQ(spm->blk_no, left % 2 == 1 ? 0U : 1U);
+    EXPECT_NE(postings(), before);
+    expect_to_stay();
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sizes, LogEdgeTest,
-    ::testing::Values(block_edge{13, true, false, true}, block_edge{12, true, false, false},
-                      block_edge{27, true, true, true}, block_edge{26, true, true, false},
-                      block_edge{9, false, false, true}, block_edge{8, false, false, false},
-                      block_edge{23, false, true, true}, block_edge{22, false, true, false}));
 
 TEST_F(LogTest, CommitWritesOnlyWhatIsNewAndNeverAnEmptyBlock) {
   faulty_files files;
-  EXPECT_EQ(commit(), zem_ok);
-  EXPECT_EQ(files.count(file_op::write), 0U);
-  EXPECT_EQ(files.count(file_op::sync), 0U);
-
+  const auto expect = [&](std::uint64_t writes, std::uint64_t syncs) {
+    EXPECT_EQ(commit(), zem_ok);
+    EXPECT_EQ(std::pair(files.count(file_op::write), files.count(file_op::sync)),
+              std::pair(writes, syncs));
+  };
+  expect(0, 0);
   insert(cat, 7);
-  EXPECT_TRUE(zem_spm_dirty(*spm));
-  EXPECT_EQ(commit(), zem_ok);
-  EXPECT_EQ(files.count(file_op::write), 2U) << "body, head";
-  EXPECT_EQ(files.count(file_op::sync), 1U);
-
-  EXPECT_FALSE(zem_spm_dirty(*spm));
-  EXPECT_EQ(commit(), zem_ok);
-  EXPECT_EQ(files.count(file_op::write), 2U);
-  EXPECT_EQ(files.count(file_op::sync), 1U);
-
-  insert(cat, 5);
-  EXPECT_EQ(commit(), zem_ok);
-  EXPECT_EQ(files.count(file_op::write), 4U);
-  EXPECT_EQ(files.count(file_op::sync), 3U) << "between body and head, and at the end";
-  EXPECT_EQ(spm->blk_no, 0U);
-}
-
-TEST_F(LogTest, AFullBlockThatACommitHasWrittenIsNotWrittenAgain) {
+  expect(2, 1);  // body, head
+  expect(2, 1);
   fill_until(8);
-  ASSERT_EQ(commit(), zem_ok);
-  faulty_files files;
-  insert(cat, 7);
+  expect(4, 3);  // between body and head, and at the end
+  insert(cat, 6);
   EXPECT_EQ(spm->blk_no, 1U);
-  EXPECT_EQ(files.count(file_op::write), 0U);
+  EXPECT_EQ(files.count(file_op::write), 4U) << "the full block is in the file";
 }
 
 // Growing the file, the body and the head: whichever cannot be written, the posting that needed the
 // room is as if it had never been offered.
 TEST_F(LogTest, AFailedBlockWriteLeavesNoTraceAndARetryIsLogged) {
-  for (const file_op op : {file_op::allocate, file_op::write}) {
-    for (std::uint64_t nth = 1; nth <= (op == file_op::write ? 2 : 1); ++nth) {
-      zem_spm_shrink(*spm);
-      ASSERT_EQ(zem_spm_open(*spm, zem_file_mode::fresh), zem_ok);
-      zem_proc_shrink(proc);
-      mkey = {};
-      fill_until(20);
-      const std::vector<log_posting> before = postings();
-      const zem_mkey key = mkey;
-
-      faulty_files files;
-      files.fail_once(nth, ENOSPC, {op});
-      EXPECT_EQ(try_insert({9, 9, 9}, 7), -ENOSPC);
-      EXPECT_EQ(postings(), before);
-      EXPECT_EQ(zem_mkey_compare(key, mkey.term, mkey.id), 0);
-      EXPECT_EQ(spm->blk_no, 0U);
-
-      EXPECT_EQ(try_insert({9, 9, 9}, 7), zem_yes);
-      EXPECT_EQ(spm->blk_no, 1U);
-      ASSERT_EQ(commit(), zem_ok);
-      const std::vector<log_posting> after = postings();
-      ASSERT_EQ(reopen(), zem_ok);
-      EXPECT_EQ(postings(), after);
-    }
+  for (const auto &[op, nth] :
+       {std::pair{file_op::allocate, 1U}, {file_op::write, 1U}, {file_op::write, 2U}}) {
+    start();
+    fill_until(20);
+    const std::vector<log_posting> before = postings();
+    const zem_mkey key = mkey;
+    faulty_files files;
+    files.fail_once(nth, ENOSPC, {op});
+    EXPECT_EQ(try_insert({9, 9, 9}, 7), -ENOSPC);
+    EXPECT_EQ(postings(), before);
+    EXPECT_EQ(zem_mkey_compare(key, mkey.term, mkey.id), 0);
+    EXPECT_EQ(try_insert({9, 9, 9}, 7), zem_yes);
+    expect_to_stay();
   }
 }
 
 TEST_F(LogTest, AfterAFailedSyncCommitsFailUntouchedAndPostingsGoOn) {
   insert(cat, 7);
+  ASSERT_EQ(commit(), zem_ok);
+  insert(cat, 6);
   faulty_files files;
   files.fail_once(1, EIO, {file_op::sync});
   EXPECT_EQ(commit(), -EIO);
-  EXPECT_EQ(zem_spm_failure(*spm), -EIO);
   const std::uint64_t writes = files.count(file_op::write);
-
-  insert(cat, 6);
   EXPECT_EQ(commit(), -EIO);
   EXPECT_EQ(files.count(file_op::write), writes);
   EXPECT_EQ(files.count(file_op::sync), 1U);
   EXPECT_TRUE(zem_spm_dirty(*spm));
-
-  fill_until(8);
-  insert_falling(cat, 5, 3);
-  EXPECT_EQ(spm->blk_no, 1U);
-  fill_until(8);
-  insert_falling(ant, 5, 3);
-  EXPECT_EQ(spm->blk_no, 2U);
-  ASSERT_EQ(reopen(), zem_ok);
-  EXPECT_EQ(spm->blk_no, 1U) << "full blocks went to the file";
-}
-
-TEST_F(LogTest, ABlockThatHoldsCommittedPostingsKeepsItsHeadWhenItsBodyCannotBeSynced) {
-  insert(cat, 7);
-  ASSERT_EQ(commit(), zem_ok);
-  insert(cat, 6);
-  faulty_files files;
-  files.fail_from(1, EIO, {file_op::sync});
-  EXPECT_EQ(commit(), -EIO);
   fill_until(8);
   insert(ant, 5);
   EXPECT_EQ(spm->blk_no, 1U);
-
-  files.fail_none();
   ASSERT_EQ(reopen(), zem_ok);
-  EXPECT_THAT(postings(), ElementsAre(log_posting{cat, 7}));
+  EXPECT_THAT(postings(), testing::ElementsAre(log_posting{cat, 7}))
+      << "the head stayed with its body";
 }
 
-TEST_F(LogTest, ALogThatGrewDuringTheSyncStaysDirty) {
-  insert(cat, 7);
-  zem_spm_sync job;
-  ASSERT_EQ(zem_spm_commit_begin(*spm, job), zem_ok);
-  insert(cat, 6);
-  EXPECT_EQ(zem_spm_commit_end(job), zem_ok);
-  EXPECT_TRUE(zem_spm_dirty(*spm)) << "appended";
-
-  ASSERT_EQ(zem_spm_commit_begin(*spm, job), zem_ok);
-  fill_until(8);
-  insert(ant, 5);
-  EXPECT_EQ(zem_spm_commit_end(job), zem_ok);
-  ASSERT_EQ(commit(), zem_ok);
-  EXPECT_FALSE(zem_spm_dirty(*spm));
-}
-
-TEST_F(LogTest, OneSyncServesAllCommitsThatBeganBeforeIt) {
-  insert(cat, 7);
-  std::array<zem_spm_sync, 2> jobs;
-  for (zem_spm_sync &job : jobs)
-    ASSERT_EQ(zem_spm_commit_begin(*spm, job), zem_ok);
-  faulty_files files;
-  for (const zem_spm_sync &job : jobs)
-    EXPECT_EQ(zem_spm_commit_end(job), zem_ok);
-  EXPECT_EQ(files.count(file_op::sync), 1U);
-}
-
-TEST_F(LogTest, AFailureThatOneSyncMetIsMissedByNone) {
-  insert(cat, 7);
-  std::array<zem_spm_sync, 2> jobs;
-  for (zem_spm_sync &job : jobs)
-    ASSERT_EQ(zem_spm_commit_begin(*spm, job), zem_ok);
-  zem_spm other;
-  zem_spm_swap(*spm, other);  // the failure follows the file
-
-  faulty_files files;
-  files.fail_once(1, EIO, {file_op::sync});
-  EXPECT_EQ(zem_spm_commit_end(jobs[0]), -EIO);
-  EXPECT_EQ(zem_spm_commit_end(jobs[1]), -EIO);
-  EXPECT_EQ(zem_spm_failure(other), -EIO);
-  EXPECT_EQ(zem_spm_failure(*spm), zem_ok);
-}
-
-TEST_F(LogTest, ASyncOutlivesTheCloseOfItsLog) {
-  insert(cat, 7);
-  zem_spm_sync job;
-  ASSERT_EQ(zem_spm_commit_begin(*spm, job), zem_ok);
-  ASSERT_EQ(zem_spm_close(*spm), zem_ok);
-  EXPECT_EQ(zem_spm_commit_end(job), zem_ok);
-  EXPECT_FALSE(zem_spm_dirty(*spm));
-}
-
-TEST_F(LogTest, SyncsRunBesideTheWriter) {
-  std::atomic<bool> done = false;
-  zem_mutex mutex(zem_lock_rank::table);  // stands for the shard's lock
-  std::thread committer([&] {
-    while (!done) {
-      zem_spm_sync job;
-      {
-        zem_lock_guard held(mutex);
-        ASSERT_EQ(zem_spm_commit_begin(*spm, job), zem_ok);
-      }
-      ASSERT_EQ(zem_spm_commit_end(job), zem_ok);
-    }
-  });
-  for (std::uint64_t id = 0; id < 20000; ++id) {
-    zem_lock_guard held(mutex);
-    ASSERT_GE(try_insert({static_cast<std::uint32_t>(id % 7), 0, 0}, id), zem_ok);
+TEST_F(LogTest, OneSyncAndItsFailureServeAllCommitsThatBeganBeforeIt) {
+  for (const bool fails : {false, true}) {
+    insert(cat, 7 - fails);
+    std::array<zem_spm_sync, 2> jobs;
+    for (zem_spm_sync &job : jobs)
+      ASSERT_EQ(zem_spm_commit_begin(*spm, job), zem_ok);
+    insert(dog, 7 - fails);
+    faulty_files files;
+    if (fails) files.fail_once(1, EIO, {file_op::sync});
+    for (const zem_spm_sync &job : jobs)
+      EXPECT_EQ(zem_spm_commit_end(job), fails ? -EIO : zem_ok);
+    EXPECT_EQ(files.count(file_op::sync), 1U);
+    EXPECT_TRUE(zem_spm_dirty(*spm)) << "it grew meanwhile";
   }
-  done = true;
-  committer.join();
-  ASSERT_EQ(commit(), zem_ok);
-  ASSERT_EQ(reopen(), zem_ok);
-  EXPECT_EQ(spm->tree.count, 20000);
-}
-
-TEST_F(LogTest, ASwappedLogGoesOnInItsRenamedFile) {
-  insert(cat, 7);
-  zem_spm frozen;
-  frozen.file.name = dir.path("1_m.log");
-  ASSERT_EQ(zem_file_rename(spm->file.name, frozen.file.name), zem_ok);
-  zem_spm_swap(*spm, frozen);
-  ASSERT_EQ(zem_spm_open(*spm, zem_file_mode::fresh), zem_ok);
-  zem_proc_shrink(proc);
-  insert(dog, 1);
-  ASSERT_EQ(commit(), zem_ok);
-
-  EXPECT_EQ(spm->file.name, dir.path("1.log"));
-  EXPECT_THAT(postings(), ElementsAre(log_posting{dog, 1}));
-  EXPECT_THAT(log_postings(frozen), ElementsAre(log_posting{cat, 7}));
-  EXPECT_TRUE(zem_spm_dirty(frozen));
-  ASSERT_EQ(zem_spm_commit(frozen), zem_ok);
-  EXPECT_NE(read_file(dir.path("1_m.log")), read_file(dir.path("1.log")));
-
-  zem_spm_shrink(frozen);
-  EXPECT_THAT(log_postings(frozen), IsEmpty());
-  EXPECT_EQ(zem_xtree_msize(frozen.tree), 0U);
-  EXPECT_EQ(frozen.file.name, dir.path("1_m.log"));
 }
 
 }  // namespace

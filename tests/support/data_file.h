@@ -44,6 +44,7 @@ class DataFileTest : public ::testing::Test {
   ~DataFileTest() override { zem_err_free(err); }
 
   void start_file() {
+    zem_spx_shrink(*spx);
     ASSERT_EQ(zem_spx_open(*spx, zem_file_mode::fresh), zem_ok);
     zem_xblk_shrink(xblk);
   }

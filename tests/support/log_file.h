@@ -51,10 +51,17 @@ class LogTest : public ::testing::Test {
 
   LogTest() {
     spm->file.name = dir.path("1.log");
-    EXPECT_EQ(zem_spm_open(*spm, zem_file_mode::fresh), zem_ok);
+    start();
   }
   ~LogTest() override { zem_err_free(err); }
 
+  // Begins a new log in the place of what was there.
+  void start() {
+    zem_spm_shrink(*spm);
+    zem_proc_shrink(proc);
+    mkey = {};
+    ASSERT_EQ(zem_spm_open(*spm, zem_file_mode::fresh), zem_ok);
+  }
   zem_status try_insert(const zem_term &term, std::uint64_t id) {
     return zem_spm_insert(*spm, proc, id, term, mkey);
   }
@@ -96,6 +103,15 @@ class LogTest : public ::testing::Test {
                                  : zem_spm_load(*spm, mkey, bad_name(), err);
     EXPECT_TRUE(zem_xtree_valid(spm->tree));
     return st;
+  }
+
+  // After a commit and a kill, what is there now must be there again, without complaint.
+  void expect_to_stay() {
+    ASSERT_EQ(commit(), zem_ok);
+    const std::vector<log_posting> before = postings();
+    ASSERT_EQ(reopen(), zem_ok);
+    EXPECT_EQ(postings(), before);
+    EXPECT_TRUE(lines.empty());
   }
 
   std::vector<log_posting> postings() const { return log_postings(*spm); }
