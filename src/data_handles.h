@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "base/mutex.h"
 
@@ -134,11 +133,10 @@ void zem_hmap_unpinned(zem_hmap<Object> &map, zem_ref<Object> &ref) {
     map.unpinned.wait(map.unpin_mutex);
 }
 
-// Appends every live handle, in no order.
+// One of the live handles, 0 when there is none. Takes no memory, so that a release of all of them
+// never fails.
 template <class Object>
-void zem_hmap_list(zem_hmap<Object> &map, std::vector<std::uint64_t> &handles) {
+std::uint64_t zem_hmap_any(zem_hmap<Object> &map) noexcept {
   zem_read_guard held(map.lock);
-  handles.reserve(handles.size() + map.map.size());
-  for (const auto &[handle, ref] : map.map)
-    handles.push_back(handle);
+  return map.map.empty() ? 0 : map.map.begin()->first;
 }

@@ -74,15 +74,14 @@ zem_status drop_table(zem_sdb &sdb, const std::string &name) {
   return zem_ok;
 }
 
-void log_not_opened(const zem_sdb &sdb, const std::string &name, zem_status st) {
+void log_not_opened(const zem_sdb &sdb, const char *name, zem_status st) {
   if (st == -EWOULDBLOCK) {
     zem_err_log(
         sdb.err_log, 0,
-        "table %s is open in another process or database: close it there, then open it here",
-        name.c_str());
+        "table %s is open in another process or database: close it there, then open it here", name);
     return;
   }
-  zem_err_log(sdb.err_log, 0, "table %s does not open: %s", name.c_str(), zem_sdb_error(st));
+  zem_err_log(sdb.err_log, 0, "table %s does not open: %s", name, zem_sdb_error(st));
 }
 
 // Builds the record of a table on its first open; null when it cannot be served.
@@ -99,7 +98,7 @@ std::unique_ptr<zem_table> open_record(const zem_sdb &sdb, const std::string &na
   bool served = false;
   const zem_status st = zem_table_open(*table, served);
   if (served) return table;
-  log_not_opened(sdb, name, st);
+  log_not_opened(sdb, name.c_str(), st);
   return nullptr;
 }
 
@@ -151,13 +150,8 @@ zem_sdb *zem_sdb_new(const char *root, zem_err *log) {
 void zem_sdb_free(zem_sdb *sdb) {
   if (sdb == nullptr) return;
   // A failed close is logged by close_table and the table is closed all the same.
-  std::ignore = zem_boundary([&] {
-    std::vector<std::uint64_t> handles;
-    zem_hmap_list(sdb->tables, handles);
-    for (const std::uint64_t handle : handles)
-      std::ignore = close_table(*sdb, handle);
-    return zem_ok;
-  });
+  while (const std::uint64_t handle = zem_hmap_any(sdb->tables))
+    std::ignore = zem_boundary([&] { return close_table(*sdb, handle); });
   delete sdb;
 }
 
@@ -186,7 +180,13 @@ void zem_sdb_table_list(zem_sdb *sdb, zem_var *names) {
 
 uint64_t zem_sdb_table_open(zem_sdb *sdb, const char *name) {
   if (sdb == nullptr || name == nullptr) return 0;
-  return zem_boundary<std::uint64_t>(0, [&] { return open_table(*sdb, name); });
+  std::uint64_t handle = 0;
+  const zem_status st = zem_boundary([&] {
+    handle = open_table(*sdb, name);
+    return zem_ok;
+  });
+  if (st < 0) log_not_opened(*sdb, name, st);
+  return handle;
 }
 
 int32_t zem_sdb_table_close(zem_sdb *sdb, uint64_t table) {

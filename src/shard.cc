@@ -126,6 +126,7 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
   for (const zem_doc_val *change : changes) {
     const zem_status st = apply(shard, proc, *change);
     if (st < 0) {
+      if (applied > 0) shard.stamp = zem_time();  // a commit has that much to see to
       save_from_memory(shard);
       return st;
     }

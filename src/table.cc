@@ -18,9 +18,8 @@ zem_table::zem_table() = default;
 zem_table::~zem_table() {
   zem_timer_kill(timer);
   zem_task_close(task);
-  const std::vector<zem_shard *> owned = zem_table_shard_list(*this);
-  for (zem_shard *shard : owned)
-    delete shard;
+  for (std::size_t i = 0; i < zem_arrx_count(shards); ++i)
+    delete zem_arrx_get_at(shards, i);
 }
 
 std::vector<zem_shard *> zem_table_shard_list(const zem_table &table) {
@@ -183,14 +182,13 @@ zem_status zem_table_wait(zem_table &table, std::uint32_t millis) {
 
 namespace {
 
-// Whether the pending batch was quiet for long enough; marks it as seen to.
-bool take_quiet_batch(zem_table &table) {
+// Whether the pending batch was quiet for long enough. Its time stays: a routing takes it along with
+// the batch, and one that meets a clear leaves both to the next tick.
+bool has_quiet_batch(const zem_table &table) {
   const std::uint32_t now = zem_time();
-  zem_write_guard held(table.lock);
+  zem_read_guard held(table.lock);
   if (table.doc.tree.count == 0 || table.doc.time == 0) return false;
-  if (now - table.doc.time <= table.cfg.flush_time) return false;
-  table.doc.time = 0;
-  return true;
+  return now - table.doc.time > table.cfg.flush_time;
 }
 
 void request_retries(zem_table &table) {
@@ -212,6 +210,6 @@ void zem_table_timer(zem_table &table) {
     std::ignore = zem_table_restore(table);
   }
   request_retries(table);  // first: a batch that cannot be routed may wait for just these
-  if (take_quiet_batch(table) && zem_table_update(table, false) < 0) return;
+  if (has_quiet_batch(table) && zem_table_update(table, false) < 0) return;
   zem_table_request_commits(table, zem_table_which::quiet);
 }

@@ -134,8 +134,9 @@ zem_status zem_table_write(zem_table &table, const std::vector<std::uint32_t> &n
     ZEM_REQUIRES(table.list_mutex);
 
 // Empties "sdb.lst", durably, before the shards that it named are removed. A failure leaves the list
-// as it was; where the disk does not let that happen, the list is owed.
-zem_status zem_table_write_empty(zem_table &table) ZEM_REQUIRES(table.list_mutex);
+// as it was; where the disk does not let that happen, the list is owed. `numbers` become those it held.
+zem_status zem_table_write_empty(zem_table &table, std::vector<std::uint32_t> &numbers)
+    ZEM_REQUIRES(table.list_mutex);
 // Writes a list that is owed. Until that succeeds nothing is promised to survive a power cut: a sync
 // of the table fails.
 zem_status zem_table_restore(zem_table &table) ZEM_REQUIRES(table.list_mutex);

@@ -161,7 +161,7 @@ zem_status zem_table_restore(zem_table &table) {
   return st;
 }
 
-zem_status zem_table_write_empty(zem_table &table) {
+zem_status zem_table_write_empty(zem_table &table, std::vector<std::uint32_t> &numbers) {
   const std::string list = zem_dir_merge(table.path, zem_table_list_file);
   std::string former;
   if (table.list_owed) {
@@ -170,6 +170,7 @@ zem_status zem_table_write_empty(zem_table &table) {
     const zem_status read = zem_file_get_string(list, list_bytes_max, former);
     if (read < 0 && read != -ENOENT) return read;
   }
+  numbers = parse_list(table, former).numbers;
   if (zem_status st = zem_file_set_string(list, std::string()); st < 0) return st;
   if (zem_status st = zem_dir_sync(table.path); st < 0) {
     table.list_owed = std::move(former);

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <deque>
-#include <system_error>
+#include <exception>
 #include <thread>
 
 #include "base/err.h"
@@ -98,8 +98,8 @@ zem_status load_shards(const zem_table &table, const shard_list &shards) {
   try {
     while (helpers.size() + 1 < wanted)
       helpers.emplace_back([&] { zem_load_proc(table, load); });
-  } catch (const std::system_error &) {
-    // Fewer threads load more slowly, no more than that.
+  } catch (const std::exception &) {
+    // No thread to be had, or no memory for one: fewer load more slowly, no more than that.
   }
   zem_load_proc(table, load);
   for (std::thread &helper : helpers)
@@ -217,8 +217,8 @@ bool begin_clear(zem_table &table) {
 }
 
 void end_clear(zem_table &table) {
-  zem_task_resume(table.task);
   zem_lock_guard held(table.wait_mutex);
+  if (!table.closing) zem_task_resume(table.task);  // a close that has begun wants no more work
   table.clearing = false;
   table.open = true;
   table.gate.wake_all();
@@ -232,24 +232,30 @@ void drain(zem_table &table) {
     table.gate.wait(table.wait_mutex);
 }
 
-shard_list zem_table_clear_x(zem_table &table) {
+// Takes all shards out; `shards` has room for them.
+void zem_table_clear_x(zem_table &table, shard_list &shards) noexcept {
   zem_write_guard held(table.lock);
-  shard_list shards;
-  shards.reserve(table.shard_ids.size());
   for (std::size_t i = 0; i < zem_arrx_count(table.shards); ++i)
     shards.emplace_back(zem_arrx_get_at(table.shards, i));
   zem_arrx_clear(table.shards);
   table.shard_ids.clear();
-  return shards;
 }
 
 zem_status clear_shards(zem_table &table) {
   zem_lock_guard listed(table.list_mutex);
-  if (zem_status st = zem_table_write_empty(table); st < 0) return st;
+  shard_list shards;
+  shards.reserve(zem_table_shard_list(table).size());  // nothing may keep a shard the list has lost
+  std::vector<std::uint32_t> numbers;
+  if (zem_status st = zem_table_write_empty(table, numbers); st < 0) return st;
+  zem_table_clear_x(table, shards);
   zem_status last = zem_ok;
-  for (const auto &shard : zem_table_clear_x(table)) {
+  for (const auto &shard : shards) {
     zem_write_guard held(shard->lock);
     if (zem_status st = zem_shard_clear(*shard); st < 0) last = st;
+  }
+  // A table that did not open its shards has their files all the same.
+  for (std::size_t i = 0; shards.empty() && i < numbers.size(); ++i) {
+    if (zem_status st = zem_shard_purge(table.path, numbers[i]); st < 0) last = st;
   }
   if (zem_status st = zem_table_open_x(table, 1); st < 0) last = st;
   return last;
@@ -276,9 +282,13 @@ zem_status zem_table_close(zem_table &table) {
   zem_task_close(table.task);
   zem_status first = zem_table_update(table, false);
   set_open(table, false);
-  for (zem_shard *shard : zem_table_shard_list(table)) {
-    zem_write_guard held(shard->lock);
-    first = zem_status_first(first, zem_shard_close(*shard));
+  {
+    zem_read_guard shards_held(table.lock);  // no copy of the list, for which memory might be short
+    for (std::size_t i = 0; i < zem_arrx_count(table.shards); ++i) {
+      zem_shard &shard = *zem_arrx_get_at(table.shards, i);
+      zem_write_guard held(shard.lock);
+      first = zem_status_first(first, zem_shard_close(shard));
+    }
   }
   {
     zem_lock_guard listed(table.list_mutex);

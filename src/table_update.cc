@@ -72,12 +72,13 @@ zem_status apply_slice(zem_xshard &run, zem_proc &proc, bool &grew, lag &seen, z
   zem_shard &shard = *run.shard;
   std::size_t applied = 0;
   zem_write_guard held(shard.lock);
+  const zem_mkey high = shard.mkey;
   const zem_status st = zem_shard_update(shard, proc, std::span(changes).first(count), applied);
   zem_proc_shrink(proc);
   for (; applied > 0; --applied)
     run.at = run.at->next;
   look(seen, shard);
-  grew |= st > 0;
+  grew |= zem_mkey_compare(shard.mkey, high.term, high.id) > 0;  // also before a failure
   const bool last = st < 0 || run.at == run.end;
   if (last && grew && keys != nullptr) zem_mkey_add(shard.mkey, shard.id, *keys);
   return st;
@@ -121,9 +122,13 @@ zem_status route(zem_table &table, const zem_doc &doc, std::vector<zem_xshard> &
 void settle(zem_table &table, zem_status st) {
   zem_write_guard held(table.lock);
   table.routed = st;
-  if (st >= 0) return;
+  if (st < 0) table.doc.time = zem_time();
+}
+
+// What could not leave fills the batch no more than what came back does.
+void forget_count(zem_table &table) {
+  zem_write_guard held(table.lock);
   table.doc.count = 0;
-  table.doc.time = zem_time();
 }
 
 void give_back(zem_table &table, const std::vector<zem_xshard> &runs) {
@@ -223,6 +228,7 @@ zem_status zem_table_update(zem_table &table, bool slow_down) {
   zem_status st = zem_table_wait_lock(table, zem_table_role::writer);
   if (st < 0) {
     settle(table, st);
+    forget_count(table);
     return st;
   }
   zem_on_exit unhold([&] { zem_table_unhold(table); });

@@ -134,6 +134,32 @@ TEST_F(TableTest, AClearWaitsForThoseWhoWorkOnShards) {
   EXPECT_EQ(zem_table_shards(*table, keys), zem_ok);
 }
 
+// A close that waits for a clear gets no new work from its end.
+TEST_F(TableTest, AClearDuringACloseLeavesTheQueueShut) {
+  open();
+  ASSERT_EQ(zem_table_wait_lock(*table, zem_table_role::reader), zem_ok);
+  std::thread clear([&] { EXPECT_EQ(zem_table_clear(*table), zem_ok); });
+  while (table->open)
+    std::this_thread::yield();
+  zem_table_close_begin(*table);
+  zem_table_wait_clear(*table, zem_table_role::reader);
+  clear.join();
+  EXPECT_EQ(table.wait(), closed);
+}
+
+// Shards that did not open are cleared like others.
+TEST_F(TableTest, AClearRemovesTheFilesOfShardsThatDidNotOpen) {
+  make_table(directory.path(), {{at(9, 1)}, {at(19, 1)}});
+  {
+    faulty_files faults;
+    faults.fail_once(1, EMFILE, {file_op::read});
+    ASSERT_EQ(table.open(), -EMFILE);
+  }
+  EXPECT_EQ(zem_table_clear(*table), zem_ok);
+  EXPECT_THAT(numbers(), ElementsAre(1));
+  EXPECT_EQ(zem_file_exist(directory.path("sdb_2.log")), zem_ok);
+}
+
 TEST_F(TableTest, ACloseRoutesWhatIsPending) {
   open();
   ASSERT_EQ(insert({at(1, 1)}), zem_ok);

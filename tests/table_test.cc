@@ -83,6 +83,7 @@ TEST_F(TableTest, ABarredBatchGoesBackAndACloseDoesNotWait) {
 
 TEST_F(TableTest, AQuietBatchIsRoutedAfterFlushTimeAndNotBefore) {
   open();
+  zem_timer_kill(table->timer);  // it would tick too when the clock is moved
   ASSERT_EQ(insert({at(1, 1)}), zem_ok);
   table.clock.advance_ms(30'000);
   ASSERT_EQ(insert({at(1, 2)}), zem_ok);
@@ -92,6 +93,27 @@ TEST_F(TableTest, AQuietBatchIsRoutedAfterFlushTimeAndNotBefore) {
   table.clock.advance_ms(1000);
   zem_table_timer(*table);
   EXPECT_THAT(table.held(), SizeIs(2));
+}
+
+TEST_F(TableTest, AQuietBatchThatMeetsAClearIsRoutedLater) {
+  open();
+  zem_timer_kill(table->timer);  // it would tick too when the clock is moved
+  ASSERT_EQ(insert({at(1, 1)}), zem_ok);
+  table.clock.advance_ms(61'000);
+  ASSERT_EQ(zem_table_wait_lock(*table, zem_table_role::reader), zem_ok);
+  table->routing.lock();
+  std::thread tick([&] { zem_table_timer(*table); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // until it waits to route
+  std::thread clear([&] { EXPECT_EQ(zem_table_clear(*table), zem_ok); });
+  while (table->open)
+    std::this_thread::yield();
+  table->routing.unlock();
+  tick.join();
+  zem_table_wait_clear(*table, zem_table_role::reader);
+  clear.join();
+  table.clock.advance_ms(61'000);
+  zem_table_timer(*table);
+  EXPECT_THAT(table.held(), ElementsAre(at(1, 1)));
 }
 
 TEST_F(TableTest, AQuietShardIsCommittedOnceAfterFlushTime) {

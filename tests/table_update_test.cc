@@ -81,6 +81,24 @@ TEST_F(TableTest, ARoutedBatchTellsOfTheHighKeysThatGrew) {
   EXPECT_EQ(in_shard(1).size() + in_shard(2).size(), 4001);
 }
 
+// The part of a run that was applied before a failure has raised the key, in its first slice too.
+TEST_F(TableTest, ARunThatFailsTellsOfTheHighKeyItReached) {
+  open();
+  faulty_files files;
+  std::vector<posting> most;
+  for (std::uint32_t word0 = 1; word0 <= 2840; ++word0)
+    most.push_back(at(word0, 1));
+  ASSERT_EQ(table.route(most, 1), zem_ok);
+  files.fail_from(1, ENOSPC, {file_op::write, file_op::allocate});
+  zem_doc rest;
+  for (std::uint32_t word0 = 2841; word0 <= 2900; ++word0)
+    zem_doc_load_term(rest, 1, {word0, 0, 0}, 1);
+  zem_keys keys;
+  ASSERT_EQ(zem_table_update_x(*table, rest, &keys), -ENOSPC);
+  ASSERT_EQ(zem_keys_size(keys), 1);
+  EXPECT_EQ(keys.term0[0], table.shard(1).mkey.term[0]);
+}
+
 TEST_F(TableTest, AFullBatchIsRoutedAndAnEmptyOneIsNot) {
   table.cfg.commit_num = 3;
   open();
