@@ -50,9 +50,11 @@ zem_status run_merge(zem_shard &shard, zem_shard_remains &remains, bool &followe
   return st;
 }
 
+// Whether there is anything to merge. A log whose sync failed gets a new file by it, even if it holds
+// no posting: its commits would fail for ever.
 bool has_log(const zem_shard &shard) {
   zem_read_guard held(shard.lock);
-  return shard.log.tree.count > 0 || zem_shard_frozen(shard);
+  return shard.log.tree.count > 0 || zem_shard_frozen(shard) || zem_spm_failure(shard.log) < 0;
 }
 
 // The merge task of a shard that was claimed for it.

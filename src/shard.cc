@@ -134,6 +134,7 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
     ++applied;
   }
   shard.stamp = zem_time();
+  save_from_memory(shard);  // a sync may have failed in the middle of a block's write
   const bool waits = shard.pause.failure < 0 || shard.refused < 0;
   const zem_shard_due due = zem_shard_due_by(*shard.cfg, log_bytes(shard), dat_bytes(shard));
   if (!waits && due != zem_shard_due::nothing) zem_shard_request(shard);

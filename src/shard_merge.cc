@@ -165,11 +165,7 @@ zem_status take_log(zem_shard &shard, merge_pass &pass) ZEM_UNCHECKED_LOCKS {
   return zem_ok;
 }
 
-}  // namespace
-
-zem_status zem_shard_merge(zem_shard &shard) {
-  merge_pass pass;
-  pass.pause_ms = shard.cfg->merge_time;
+zem_status merge_all(zem_shard &shard, merge_pass &pass) ZEM_UNCHECKED_LOCKS {
   zem_spm_iterd_first(shard.mlog, pass.log);
   if (zem_status st = zem_spx_iterd_first(shard.dat, pass.dat); st < 0) return st;
   while (zem_iter_stands(pass.log) || zem_xiter_stands(pass.dat)) {
@@ -181,6 +177,18 @@ zem_status zem_shard_merge(zem_shard &shard) {
     if (zem_status st = take_log(shard, pass); st < 0) return st;
   }
   return zem_spx_finish(shard.mdat, pass.out);
+}
+
+}  // namespace
+
+zem_status zem_shard_merge(zem_shard &shard) {
+  merge_pass pass;
+  pass.pause_ms = shard.cfg->merge_time;
+  const zem_status st = merge_all(shard, pass);
+  if (zem_status_damage(st))
+    zem_err_log(shard.err_log, 0, "%s, block %u: damaged, so nothing is merged: %d",
+                shard.dat.file.name.c_str(), pass.dat.node->value->blk_no, st);
+  return st;
 }
 
 zem_status zem_shard_merge_end(zem_shard &shard, zem_shard_remains &remains) {

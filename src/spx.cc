@@ -102,8 +102,10 @@ bool opens_group(const zem_xblk &xblk, const zem_term &term) {
   return xblk.rec_num == 0 || zem_xtree_compare(xblk.term, term) != 0;
 }
 
+// How many postings the block still takes. The last of them asks for more room than it fills.
 std::size_t room_for(const zem_xblk &xblk, bool opens) {
-  const std::size_t taken = xblk.pos + (opens ? format::group_head_size : 0);
+  const std::size_t spare = format::posting_room - format::id_size;
+  const std::size_t taken = xblk.pos + spare + (opens ? format::group_head_size : 0);
   return taken < zem_block_size ? (zem_block_size - taken) / format::id_size : 0;
 }
 

@@ -77,8 +77,9 @@ inline constexpr std::size_t chain_groups_at = 12;
 inline constexpr std::size_t term_size = 12;
 inline constexpr std::size_t group_head_size = 14;  // of data and index groups alike
 inline constexpr std::size_t id_size = 8;
+inline constexpr std::size_t posting_room = 12;  // what a posting asks for: more than it takes
 inline constexpr std::size_t postings_max =
-    (zem_block_size - groups_at - group_head_size) / id_size;
+    (zem_block_size - groups_at - group_head_size - (posting_room - id_size)) / id_size;
 inline constexpr std::size_t groups_max =
     (zem_block_size - groups_at) / (group_head_size + id_size);
 static_assert(zem_block_size <= std::numeric_limits<std::uint16_t>::max() + 1U);  // group offsets

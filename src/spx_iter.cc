@@ -40,14 +40,15 @@ zem_status fetch(const zem_spx &spx, zem_xiter &it, const zem_spx_node &node) {
   return zem_ok;
 }
 
-// Reads the block of `node` into the cursor's own buffer and stands on its first posting.
+// Reads the block of `node` into the cursor's own buffer and stands on its first posting. After a
+// failure `it.node` tells which block it was.
 zem_status scan_block(const zem_spx &spx, zem_xiter &it, const zem_spx_node *node) {
   stand_on_nothing(it);
   if (node == nullptr) return zem_ok;
   if (it.buffer == nullptr) it.buffer = std::make_shared_for_overwrite<zem_block>();
+  it.node = node;
   if (zem_status st = zem_spx_read_blk(spx, *node, *it.buffer); st < 0) return st;
   it.block = it.buffer;
-  it.node = node;
   stand_on(it, 0, 0);
   return zem_ok;
 }

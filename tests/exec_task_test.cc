@@ -1,6 +1,7 @@
 #include "src/exec_task.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -76,6 +77,20 @@ TEST_F(TaskTest, AMergeOfAnEmptyLogDoesNothing) {
   EXPECT_EQ(shard->state, zem_shard_state::idle);
   EXPECT_THAT(lines.take_infos(), SizeIs(2));
   EXPECT_EQ(shard->dat.file.size, 0);
+}
+
+// Nothing is there to save, but commits would fail for as long as the log keeps its file.
+TEST_F(TaskTest, AnEmptyLogWhoseSyncFailedGetsANewFile) {
+  ASSERT_EQ(reopen(), zem_ok);
+  start();
+  {
+    faulty_files faults;
+    faults.fail_once(1, EIO, {file_op::sync});
+    EXPECT_EQ(zem_shard_commit(*shard), zem_status{-EIO});
+    EXPECT_EQ(wait(), zem_yes);
+  }
+  EXPECT_EQ(zem_shard_commit(*shard), zem_ok);
+  EXPECT_FALSE(exists(zem_suffix::frozen_log));
 }
 
 // A clear made the shard idle meanwhile.

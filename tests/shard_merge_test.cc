@@ -322,6 +322,7 @@ TEST_F(ShardMergeTest, ADamagedDataBlockStopsAMergeAndCostsNothing) {
   ASSERT_EQ(zem_file_write(shard->dat.file, 2 * zem_block_size + 100, byte), zem_ok);
   ASSERT_EQ(begin(), zem_ok);
   EXPECT_EQ(pass(), ZEM_SDB_E_CHECKSUM);
+  EXPECT_THAT(lines.take(), ElementsAre(HasSubstr("sdb_1.dat, block 2: damaged")));
   cancel();
   EXPECT_EQ(files(), ".log _m.log .dat ");
 

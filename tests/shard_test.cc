@@ -177,6 +177,17 @@ TEST_F(ShardTest, AFailedSyncEndsCommitsUntilAMerge) {
   EXPECT_THAT(held(), ElementsAre(posting{cat, 1}, posting{cat, 0}));
 }
 
+// The sync before the head of a committed block is replaced; the update itself loses nothing.
+TEST_F(ShardTest, ASyncThatFailsInAnUpdateAsksForAMergeAtOnce) {
+  ASSERT_GE(insert(cat, 1), zem_ok);
+  ASSERT_EQ(zem_shard_commit(*shard), zem_ok);
+  faulty_files faults;
+  faults.fail_once(1, EIO, {file_op::sync});
+  fill_blocks(1);
+  EXPECT_TRUE(faults.has_failed());
+  EXPECT_THAT(queued(), ElementsAre(zem_task_kind::merge));
+}
+
 TEST_F(ShardTest, ACloseWritesWhatIsNotCommittedAndNothingElse) {
   ASSERT_EQ(insert(cat, 1), zem_yes);
   shard->stamp = 0;  // a commit was queued and will not run

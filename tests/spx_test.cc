@@ -69,9 +69,9 @@ TEST_F(SpxWriteTest, BlockIsFullOnlyWhenAPostingHasNoRoom) {
                                                 {5U, 3U, true},
                                                 {7U, 4U, true},
                                                 {23U, 4U, false},
-                                                {21U, 3U, false}}) {
+                                                {27U, 2U, false}}) {
     SCOPED_TRACE(left);
-    const bool fits = left >= format::id_size + (continues ? 0 : format::group_head_size);
+    const bool fits = left >= format::posting_room + (continues ? 0 : format::group_head_size);
     start_file();
     for (std::uint32_t i = 1; i < groups; ++i)
       insert({i, 0, 0}, 1);

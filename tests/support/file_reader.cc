@@ -201,7 +201,7 @@ file_log read_log_file(const std::string &path) {
 namespace {
 
 constexpr std::size_t data_group_head = 14;
-constexpr std::size_t data_posting = 8;
+constexpr std::size_t data_posting_room = 12;  // a posting asks for more than it takes
 constexpr std::size_t index_group_head = 14;
 
 // What an index says of a data block.
@@ -283,7 +283,7 @@ index_chain read_index(block_file &file) {
 
 // The bytes that a posting would have taken at the end of the block before.
 std::size_t room_wanted(const file_posting &next, const file_posting &before) {
-  return data_posting + (next.term == before.term ? 0 : data_group_head);
+  return data_posting_room + (next.term == before.term ? 0 : data_group_head);
 }
 
 void take_posting(file_data &data, block_file &file, const file_posting &posting,
