@@ -6,7 +6,9 @@
 #include <limits>
 #include <map>
 #include <new>
+#include <ostream>
 #include <random>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -71,6 +73,11 @@ struct workload {
   bool descending;    // sorted the other way round
 };
 
+void PrintTo(const workload &each, std::ostream *out) {
+  *out << each.terms << " terms, " << (each.descending ? "falling" : "rising") << " batches of "
+       << each.batch;
+}
+
 class XtreeRandomTest : public ::testing::TestWithParam<workload> {};
 
 TEST_P(XtreeRandomTest, BehavesAsAMapDoes) {
@@ -120,6 +127,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(workload{300, 50, 1, false}, workload{1, ~std::uint64_t{0}, 1, false},
                       workload{30'000, 40, 500, false}, workload{60, ~std::uint64_t{0}, 500, false},
                       workload{100'000, 1000, 20'000, false}, workload{100'000, 1000, 20'000, true},
-                      workload{30'000, 40, 100, true}));
+                      workload{30'000, 40, 100, true}),
+    [](const auto &each) { return "workload" + std::to_string(each.index); });
 
 }  // namespace

@@ -2,7 +2,6 @@
 // fuzzer; linked with GoogleTest's main, a test that runs a fixed corpus and mutations of it.
 #include "src/doc.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -47,41 +46,23 @@ void run(std::span<const std::byte> stream) {
   require(stream_of(copy) == written, "a copy reads the same");
 }
 
-// Streams of batches of several shapes: `terms` terms of `run` postings each.
-std::string stream_of_shape(std::uint32_t terms, std::uint32_t run_length) {
-  zem_doc doc;
-  for (std::uint32_t term = 0; term < terms; ++term)
-    for (std::uint32_t id = 1; id <= run_length; ++id)
-      zem_doc_load_term(doc, id, {term, 0, term}, id % 3);
-  doc.count = terms * run_length;
-  return stream_of(doc);
-}
-
-std::vector<std::string> corpus() {
-  return {
-      "",
-      std::string(2, '\0'),
-      std::string(64, '\xff'),
-      std::string(4, '\xff') + '\1' + std::string(9, '\xff') + '\1' + std::string(300, '\0'),
-      stream_of_shape(1, 1),
-      stream_of_shape(3, 2),
-      stream_of_shape(40, 1),
-      stream_of_shape(1, 300),
-  };
-}
-
 TEST(DocLoadsFuzz, CorpusAndItsMutationsHold) {
-  constexpr std::uint32_t seed = 42;
-  constexpr int mutations = 400;
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
-  std::mt19937 random(seed);
-  for (const std::string &original : corpus()) {
-    run(std::as_bytes(std::span(original)));
-    for (int i = 0; i < mutations && !original.empty(); ++i) {
+  std::mt19937 random(42);
+  std::vector<std::string> corpus{
+      std::string(64, '\xff'),
+      std::string(4, '\xff') + '\1' + std::string(9, '\xff') + '\1' + std::string(300, '\0')};
+  for (const std::uint32_t terms : {1U, 3U, 40U}) {
+    zem_doc doc;
+    for (std::uint32_t id = 1; id <= 120; ++id)
+      zem_doc_load_term(doc, id, {id % terms, 0, id % terms}, id % 3);
+    corpus.push_back(stream_of(doc));
+  }
+  for (const std::string &original : corpus) {
+    for (int i = 0; i < 400; ++i) {
       std::string mutant = original;
       for (std::uint32_t change = random() % 4; change > 0; --change)
         mutant[random() % mutant.size()] = static_cast<char>(random());
-      mutant.resize(random() % (mutant.size() + 1));
+      if (i > 0) mutant.resize(random() % (mutant.size() + 1));
       run(std::as_bytes(std::span(mutant)));
     }
   }

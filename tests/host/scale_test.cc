@@ -124,7 +124,7 @@ TEST_F(HostScaleTest, EveryIdOfManyPostingsIsFound) {
   std::cout << "  reopened: " << millis(time_of([&] { reopen(); })) << " ms\n";
   expect_every_id();
   close();
-  const file_data file = read_data_file(path("sdb_1.dat"));
+  const file_content file = read_data_file(path("sdb_1.dat"));
   EXPECT_THAT(file.faults, IsEmpty());
   EXPECT_EQ(file.records.size(), postings);
   EXPECT_EQ(file.terms, terms);

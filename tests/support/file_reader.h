@@ -6,7 +6,6 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -20,52 +19,35 @@ struct file_posting {
   std::uint64_t id = 0;
   friend auto operator<=>(const file_posting &, const file_posting &) = default;
 };
+// Term ascending, id descending.
+bool file_key_before(const file_posting &a, const file_posting &b) noexcept;
 
-// What a log says of a posting at its end.
 enum class file_mark : std::uint8_t { inserted, deleted };
 
-struct file_log {
+struct file_content {
   struct record {
     file_posting posting;
     file_mark mark;
     std::size_t block;
   };
-  std::vector<record> records;             // in the order of the file
-  std::map<file_posting, file_mark> last;  // what the records come to
-  std::size_t blocks = 0;
-  std::uint64_t terms_opened = 0;
-  std::vector<std::string> faults;
-};
-file_log read_log_file(const std::string &path);
-
-struct file_data {
-  struct record {
-    file_posting posting;
-    std::size_t block;
-  };
   std::vector<record> records;  // in the order of the file
-  std::size_t data_blocks = 0;
+  std::size_t blocks = 0;       // of postings
   std::size_t index_blocks = 0;
-  std::uint64_t terms = 0;
+  std::uint64_t terms = 0;                 // that it opens
+  std::map<file_posting, file_mark> last;  // what the records of a log come to
   std::vector<std::string> faults;
 };
-file_data read_data_file(const std::string &path);
+file_content read_log_file(const std::string &path);
+file_content read_data_file(const std::string &path);
 
-// Term ascending, id descending.
-bool file_key_before(const file_posting &a, const file_posting &b) noexcept;
+// All files of a table of one shard that is closed, or of a copy of its directory.
+struct file_table {
+  file_content log;
+  file_content data;
+  std::vector<std::string> faults;  // of both files, and names that are no part of a table at rest
+};
+file_table read_table_files(const std::string &directory);
 
 // CRC-32 of the IEEE 802.3 polynomial, reflected.
 std::uint32_t file_checksum(std::string_view bytes);
-
 std::string read_whole(const std::string &path);
-// The numbers of "sdb.lst" as the library writes it: rising, one line feed between two. Empty when
-// it is anything else.
-std::vector<std::uint32_t> read_list_file(const std::string &path);
-
-// All files of a table that is closed, or of a copy of its directory.
-struct file_table {
-  std::map<std::uint32_t, file_log> logs;
-  std::map<std::uint32_t, file_data> data;
-  std::vector<std::string> faults;  // of all files, and names that are no part of a table at rest
-};
-file_table read_table_files(const std::string &directory);

@@ -46,29 +46,15 @@ class ShardTest : public ::testing::Test {
     return zem_shard_close(*shard);
   }
 
-  zem_status insert(std::span<const posting> some) { return update(some, 1); }
-  zem_status remove(std::span<const posting> some) { return update(some, 0); }
+  zem_status insert(std::span<const posting> some) {
+    return update_shard(*shard, some, 1, applied);
+  }
   zem_status insert(const zem_term &term, std::uint64_t id) {
-    const posting one{term, id};
-    return insert({&one, 1});
+    return insert(std::vector<posting>{{term, id}});
   }
   zem_status remove(const zem_term &term, std::uint64_t id) {
-    const posting one{term, id};
-    return remove({&one, 1});
+    return update_shard(*shard, std::vector<posting>{{term, id}}, 0, applied);
   }
-  // Ids `from`, `from` - 1 and so on.
-  zem_status insert_falling(const zem_term &term, std::uint64_t from, std::size_t count) {
-    std::vector<posting> some;
-    for (std::size_t i = 0; i < count; ++i)
-      some.push_back({term, from - i});
-    return insert(some);
-  }
-  // New postings, until this many blocks of the log are full.
-  void fill_blocks(std::uint32_t blocks) {
-    while (shard->log.blk_no < blocks)
-      ASSERT_GE(insert_falling(dog, next_id += 1000, 1000), zem_ok);
-  }
-
   zem_status begin() {
     const zem_write_guard held(shard->lock);
     return zem_shard_merge_begin(*shard);
@@ -87,6 +73,14 @@ class ShardTest : public ::testing::Test {
   void settle(zem_status result) {
     const zem_write_guard held(shard->lock);
     zem_shard_merge_settle(*shard, result);
+  }
+  void request() {
+    const zem_read_guard held(shard->lock);
+    zem_shard_request(*shard);
+  }
+  bool retry_due(std::uint64_t after_us) const {
+    const zem_read_guard held(shard->lock);
+    return zem_shard_retry_due(*shard, zem_timer_stamp() + after_us);
   }
   // A merge from its begin to its release.
   void merge() {
@@ -110,8 +104,14 @@ class ShardTest : public ::testing::Test {
     task.queue.clear();
     return kinds;
   }
-  bool exists(const char *suffix) const {
-    return zem_file_exist(zem_shard_fname(dir.path(), shard->id, suffix)) > 0;
+  // Which of the shard's five files there are.
+  std::string files() const {
+    std::string found;
+    for (const char *suffix : zem_suffix::all) {
+      if (zem_file_exist(zem_shard_fname(dir.path(), 1, suffix)) > 0)
+        found += std::string(suffix) + ' ';
+    }
+    return found;
   }
 
   temp_dir dir;
@@ -132,16 +132,5 @@ class ShardTest : public ::testing::Test {
     shard->cfg = &cfg;
     shard->task = &task;
     shard->err_log = lines.err;
-  }
-  zem_status update(std::span<const posting> some, std::uint32_t flag) {
-    std::vector<zem_doc_val> values;
-    for (const posting &each : some)
-      values.push_back({.term = each.term, .flag = flag, .id = each.id});
-    std::vector<const zem_doc_val *> changes;
-    for (const zem_doc_val &value : values)
-      changes.push_back(&value);
-    zem_proc proc;
-    const zem_write_guard held(shard->lock);
-    return zem_shard_update(*shard, proc, changes, applied);
   }
 };

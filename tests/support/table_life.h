@@ -1,8 +1,5 @@
 // A table's record on a directory, without a database around it, so that a test can open, kill and
-// close it at will and look into its shards.
-//
-// The library's clock stands still meanwhile: the table's timer never ticks by itself, and nothing
-// is slowed down but by what the test does.
+// close it at will and look into its shards. The clock stands still.
 #pragma once
 
 #include <algorithm>
@@ -40,37 +37,25 @@ inline std::ostream &operator<<(std::ostream &out, const posting &p) {
 
 using postings = std::set<posting>;
 
-// Shards are looked into while nobody else works on them.
-inline void apply_log(const zem_spm &log, postings &held) {
-  zem_iter iter;
-  for (zem_spm_iterd_first(log, iter); zem_iter_stands(iter); zem_spm_iterd_next(iter)) {
-    if (iter.val->flag < 0) {
-      held.erase({iter.term, iter.doc});
-    } else {
-      held.insert({iter.term, iter.doc});
+// What merges of both logs would leave in the data file. Nobody else works on the shard meanwhile.
+inline postings shard_postings(const zem_shard &shard) ZEM_UNCHECKED_LOCKS {
+  postings held;
+  zem_xiter at;
+  zem_status st = zem_spx_iterd_first(shard.dat, at);
+  for (; st >= 0 && zem_xiter_stands(at); st = zem_spx_iterd_next(shard.dat, at))
+    held.insert({at.term, at.doc});
+  EXPECT_EQ(st, zem_ok);
+  for (const zem_spm *log : {&shard.mlog, &shard.log}) {
+    zem_iter iter;
+    for (zem_spm_iterd_first(*log, iter); zem_iter_stands(iter); zem_spm_iterd_next(iter)) {
+      if (iter.val->flag < 0) held.erase({iter.term, iter.doc});
+      if (iter.val->flag >= 0) held.insert({iter.term, iter.doc});
     }
   }
-}
-
-inline postings dat_postings(const zem_spx &dat) {
-  postings held;
-  zem_xiter iter;
-  zem_status st = zem_spx_iterd_first(dat, iter);
-  for (; st >= 0 && zem_xiter_stands(iter); st = zem_spx_iterd_next(dat, iter))
-    held.insert({iter.term, iter.doc});
-  EXPECT_EQ(st, zem_ok);
   return held;
 }
 
-// What merges of both logs would leave in the data file.
-inline postings shard_postings(const zem_shard &shard) ZEM_UNCHECKED_LOCKS {
-  postings held = dat_postings(shard.dat);
-  apply_log(shard.mlog, held);
-  apply_log(shard.log, held);
-  return held;
-}
-
-// The lines that a library's error log got. Any thread writes them.
+// The failures that a library's error log got. Any thread writes them.
 class error_lines {
  public:
   error_lines() = default;
@@ -87,33 +72,31 @@ class error_lines {
         auto *self = static_cast<error_lines *>(into);
         const std::lock_guard held(self->mutex_);
         if (level >= 0) self->lines_.emplace_back(line);
-        if (level < 0) self->infos_.emplace_back(line);
       },
       this);
-  std::vector<std::string> take_infos() {
-    const std::lock_guard held(mutex_);
-    return std::exchange(infos_, {});
-  }
 
  private:
   std::mutex mutex_;
-  std::vector<std::string> lines_;  // of failures
-  std::vector<std::string> infos_;
+  std::vector<std::string> lines_;
 };
+
+// One batch of changes, all with this flag. `applied` is how many of them were.
+inline zem_status update_shard(zem_shard &shard, std::span<const posting> some, std::uint32_t flag,
+                               std::size_t &applied) {
+  std::vector<zem_doc_val> values;
+  for (const posting &each : some)
+    values.push_back({.term = each.term, .flag = flag, .id = each.id});
+  std::vector<const zem_doc_val *> changes;
+  for (const zem_doc_val &value : values)
+    changes.push_back(&value);
+  zem_proc proc;
+  const zem_write_guard held(shard.lock);
+  return zem_shard_update(shard, proc, changes, applied);
+}
 
 class table_life {
  public:
-  static zem_cfg still_cfg() {
-    zem_cfg cfg;
-    cfg.thread_num = 1;
-    cfg.commit_num = 1 << 20;
-    cfg.commit_time = 0;
-    cfg.merge_time = 0;
-    return cfg;
-  }
-
-  explicit table_life(std::string directory, const zem_cfg &settings = still_cfg())
-      : cfg(settings), directory_(std::move(directory)) {}
+  explicit table_life(std::string directory) : directory_(std::move(directory)) {}
 
   zem_status open() {
     record_ = std::make_unique<zem_table>();
@@ -156,8 +139,12 @@ class table_life {
     return all;
   }
 
-  zem_status insert(std::span<const posting> some) { return add(some, 1); }
-  zem_status remove(std::span<const posting> some) { return add(some, 0); }
+  zem_status insert(std::span<const posting> some) {
+    return zem_table_add(*record_, [&](zem_doc &doc) {
+      for (const posting &each : some)
+        zem_doc_load(doc, each.id, zem_term_head(each.term), each.term[2], 1);
+    });
+  }
   // Past the pending batch.
   zem_status route(std::span<const posting> some, std::uint32_t flag) {
     zem_doc doc;
@@ -168,24 +155,17 @@ class table_life {
   zem_status sync() { return zem_table_sync(*record_); }
   // Merges what can be merged, and waits for it.
   zem_status merge() {
-    if (zem_status st = zem_table_merge(*record_); st < 0) return st;
-    return wait();
+    const zem_status st = zem_table_merge(*record_);
+    return st < 0 ? st : wait();
   }
   // The clock stands still, so this waits until all work is done.
   zem_status wait() { return zem_table_wait(*record_, 1); }
 
   manual_clock clock;
-  zem_cfg cfg;
+  zem_cfg cfg{.thread_num = 1, .commit_num = 1 << 20, .commit_time = 0, .merge_time = 0};
   error_lines lines;
 
  private:
-  zem_status add(std::span<const posting> some, std::uint32_t flag) {
-    return zem_table_add(*record_, [&](zem_doc &doc) {
-      for (const posting &each : some)
-        zem_doc_load(doc, each.id, zem_term_head(each.term), each.term[2], flag);
-    });
-  }
-
   const std::string directory_;
   std::unique_ptr<zem_table> record_;
 };
@@ -201,17 +181,14 @@ inline void make_table(const std::string &directory, const std::vector<postings>
     shard.directory = directory;
     shard.cfg = &cfg;
     shard.task = &task;
-    const zem_write_guard held(shard.lock);
-    ASSERT_EQ(zem_shard_open_new(shard), zem_ok);
-    std::vector<zem_doc_val> values;
-    for (const posting &each : shards[i])
-      values.push_back({.term = each.term, .flag = 1, .id = each.id});
-    std::vector<const zem_doc_val *> changes;
-    for (const zem_doc_val &value : values)
-      changes.push_back(&value);
-    zem_proc proc;
+    {
+      const zem_write_guard held(shard.lock);
+      ASSERT_EQ(zem_shard_open_new(shard), zem_ok);
+    }
     std::size_t applied = 0;
-    ASSERT_GE(zem_shard_update(shard, proc, changes, applied), zem_ok);
+    ASSERT_GE(update_shard(shard, std::vector(shards[i].begin(), shards[i].end()), 1, applied),
+              zem_ok);
+    const zem_write_guard held(shard.lock);
     ASSERT_EQ(zem_shard_close(shard), zem_ok);
     list += (list.empty() ? "" : "\n") + std::to_string(shard.id);
   }
