@@ -142,7 +142,27 @@ int32_t zem_sdb_table_close(zem_sdb *sdb, uint64_t table);
 /* ---- host callbacks ------------------------------------------------------------------------- */
 
 /* Slots by which a host takes part in the splits of its tables. All run on a worker thread of the
- * table, without a lock of the library held. A host whose split_open stores a peer fills 3 to 9. */
+ * table, without a lock of the library held; a split uses them as they stood when it began. Without
+ * any of them splits are local: the upper half of a shard becomes another shard of the same table.
+ *
+ *   split_open    asks who takes the upper half of a shard: stores 0 in `peer` for a local split,
+ *                 else a handle of the host's, and a second value, `target`, that is passed along
+ *   peer_load     the peer is to prepare; stores `load` and the shard number that the half has there
+ *   peer_batch    changes for the peer, up to `commit_num` of them: destination 1, the half's data,
+ *                 in key order; destination 0, later inserts and deletes. Valid during the call
+ *   peer_commit   a destination is complete: the peer makes it durable
+ *   split_notify  phase 0: writers will be held back next; phase 1: readers as well
+ *   split_wait    asked every second, up to 300 times, after either phase: nonzero in `done` goes on
+ *   peer_close    the half now belongs to the peer; stores its greatest key. A crash after it leaves
+ *                 both copies
+ *   split_done    three ranges, each a shard number with its greatest key: what was split, the lower
+ *                 half, the upper half. `ids` holds doc ids with shard numbers as tags, `keys` heads of
+ *                 terms with third words as tags
+ *   peer_cancel   the split is given up, also after a peer_close: the peer drops the half
+ *
+ * A negative result of peer_load, peer_batch, peer_commit or peer_close gives the split up. A host
+ * whose split_open stores a peer fills 3 to 9; while one of them is empty such a split fails with
+ * -EINVAL. */
 enum {
   ZEM_SDB_SPLIT_OPEN = 1,
   ZEM_SDB_SPLIT_DONE = 2,

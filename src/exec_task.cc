@@ -6,6 +6,7 @@
 #include "base/err.h"
 #include "base/scope.h"
 
+#include "src/exec_split.h"
 #include "src/shard.h"
 
 zem_task::~zem_task() { zem_task_close(*this); }
@@ -72,21 +73,24 @@ zem_status zem_task_merge(zem_shard &shard) {
   if (st < 0 || !followed) return st;
   let_go.release();
   shard.state = zem_shard_state::idle;
-  zem_shard_request(shard);
+  zem_shard_request_merge(shard);
   return st;
 }
 
-// One merge with the lines that tell of it. A shard that was cleared meanwhile is not queued any
-// more, and its item is dropped. A split divides nothing yet: it runs as a merge.
-void process_merge(const zem_task &task, zem_shard &shard) {
-  if (!zem_shard_claim(shard, zem_shard_state::merging)) return;
+// One merge or split with the lines that tell of it. A shard that was cleared meanwhile is not queued
+// any more, and its item is dropped. A split gives the shard another number; the lines name the first.
+void process_work(const zem_task &task, zem_shard &shard, bool split) {
+  if (!zem_shard_claim(shard, split ? zem_shard_state::splitting : zem_shard_state::merging))
+    return;
+  const char *what = split ? "split" : "merge";
   const auto id = static_cast<std::int32_t>(shard.id);
   const std::uint64_t begun_us = zem_timer_stamp();
-  zem_err_info(task.err_log, "merge begin [%d]!", id);
-  const zem_status st = zem_boundary([&] { return zem_task_merge(shard); });
+  zem_err_info(task.err_log, "%s begin [%d]!", what, id);
+  const zem_status st = zem_boundary(
+      [&] { return split ? zem_task_split(*task.table, shard) : zem_task_merge(shard); });
   const auto millis = static_cast<int>((zem_timer_stamp() - begun_us) / 1000);
-  zem_err_info(task.err_log, "merge end [%d]! %d ms", id, millis);
-  if (st < 0) zem_err_log(task.err_log, 0, "merge error [%d]: %d", id, st);
+  zem_err_info(task.err_log, "%s end [%d]! %d ms", what, id, millis);
+  if (st < 0) zem_err_log(task.err_log, 0, "%s error [%d]: %d", what, id, st);
 }
 
 void process_commit(const zem_task &task, zem_shard &shard) {
@@ -118,7 +122,7 @@ void zem_task_process(zem_task &task) {
     if (item.kind == zem_task_kind::commit) {
       process_commit(task, *item.shard);
     } else {
-      process_merge(task, *item.shard);
+      process_work(task, *item.shard, item.kind == zem_task_kind::split);
     }
     end_item(task);
   }

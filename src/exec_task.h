@@ -19,6 +19,7 @@
 #include "base/status.h"
 
 struct zem_shard;
+struct zem_table;
 
 enum class zem_task_kind : std::uint32_t { commit = 1, merge = 2, split = 3 };
 
@@ -34,7 +35,8 @@ struct zem_task {
   zem_task(const zem_task &) = delete;
   zem_task &operator=(const zem_task &) = delete;
 
-  zem_err *err_log = nullptr;  // the host's; set before the workers start
+  zem_err *err_log = nullptr;  // the host's; both set before the workers start
+  zem_table *table = nullptr;  // whose shards these are
   std::vector<std::thread> threads;
 
   zem_mutex mutex{zem_lock_rank::queue};

@@ -90,6 +90,7 @@ std::unique_ptr<zem_table> open_record(const zem_sdb &sdb, const std::string &na
   table->path = zem_dir_merge(sdb.path, name);
   table->name = name;
   table->err_log = sdb.err_log;
+  table->callbacks = &sdb.callbacks;
   const std::string settings = zem_dir_merge(table->path, zem_table_cfg_file);
   if (zem_status st = zem_cfg_read(table->cfg, settings); st < 0) {
     zem_err_log(sdb.err_log, 0, "table %s: %s is not readable, defaults are used: %s", name.c_str(),

@@ -27,7 +27,7 @@ struct zem_sdb {
   std::string path;            // the root; set once
   zem_err *err_log = nullptr;  // the host's, or null
   zem_hmap<zem_table> tables;
-  std::array<std::atomic<zem_sdb_function>, last_slot + 1> callbacks{};  // slot 0 is not used
+  zem_sdb_slots callbacks{};
 
   zem_rwlock lock{zem_lock_rank::registry};
   std::unordered_map<std::string, zem_ref<zem_table>> names ZEM_GUARDED_BY(lock);

@@ -24,6 +24,11 @@ std::uint64_t dat_bytes(const zem_shard &shard) noexcept ZEM_REQUIRES_SHARED(sha
   return std::uint64_t{shard.dat.blk_num} * zem_block_size;
 }
 
+// What `doc` will take in the log, less the heads of its groups.
+std::uint64_t doc_bytes(const zem_shard &shard) noexcept ZEM_REQUIRES_SHARED(shard.lock) {
+  return static_cast<std::uint64_t>(shard.doc.tree.count) * zem_spm_format::posting_size;
+}
+
 void name_files(zem_shard &shard) ZEM_REQUIRES(shard.lock) {
   shard.log.file.name = zem_shard_fname(shard.directory, shard.id, zem_suffix::log);
   shard.mlog.file.name = zem_shard_fname(shard.directory, shard.id, zem_suffix::frozen_log);
@@ -73,7 +78,7 @@ zem_status zem_shard_load(zem_shard &shard) {
 }
 
 zem_status zem_shard_close(zem_shard &shard) {
-  zem_status first = zem_ok;
+  zem_status first = zem_shard_unpark(shard);
   for (zem_spm *log : {&shard.log, &shard.mlog}) {
     if (zem_file_is_open(log->file)) first = zem_status_first(first, zem_spm_commit(*log));
   }
@@ -88,6 +93,7 @@ zem_status zem_shard_close(zem_shard &shard) {
 }
 
 zem_status zem_shard_clear(zem_shard &shard) {
+  zem_doc_clear(shard.doc);
   zem_status first = zem_spm_close(shard.log);
   first = zem_status_first(first, zem_spm_close(shard.mlog));
   first = zem_status_first(first, zem_spx_close(shard.dat));
@@ -116,12 +122,54 @@ zem_status apply(zem_shard &shard, zem_proc &proc, const zem_doc_val &change)
   return zem_spm_delete(shard.log, proc, change.id, change.term, shard.mkey);
 }
 
+// The first change that stays is `from`.
+void drop_before(zem_doc &doc, const zem_xnode<zem_doc_val> *from) {
+  zem_doc rest;
+  for (const auto *node = from; node != nullptr; node = node->next)
+    zem_doc_load_term(rest, node->id, node->term, node->value->flag);
+  zem_doc_swap(doc, rest);
+}
+
+}  // namespace
+
+zem_status zem_shard_unpark(zem_shard &shard) {
+  if (shard.doc.tree.count == 0) return zem_ok;
+  zem_proc proc;
+  for (const auto *node = zem_xtree_node_first(shard.doc.tree); node != nullptr;
+       node = node->next) {
+    if (zem_status st = apply(shard, proc, *node->value); st < 0) {
+      drop_before(shard.doc, node);
+      return st;
+    }
+  }
+  zem_doc_clear(shard.doc);
+  shard.stamp = zem_time();
+  return zem_ok;
+}
+
+namespace {
+
+zem_status park(zem_shard &shard, std::span<const zem_doc_val *const> changes, std::size_t &applied)
+    ZEM_REQUIRES(shard.lock) {
+  if (doc_bytes(shard) >= zem_cfg_bytes(shard.cfg->merge_num)) return zem_status{-EBUSY};
+  for (const zem_doc_val *change : changes) {
+    zem_doc_load_term(shard.doc, change->id, change->term, change->flag);
+    ++applied;
+  }
+  return zem_ok;
+}
+
 }  // namespace
 
 zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
                             std::span<const zem_doc_val *const> changes, std::size_t &applied) {
   applied = 0;
+  if (shard.parked) return park(shard, changes, applied);
   if (zem_status st = update_refused(shard); st < 0) return st;
+  if (zem_status st = zem_shard_unpark(shard); st < 0) {
+    save_from_memory(shard);
+    return st;
+  }
   bool grew = false;
   for (const zem_doc_val *change : changes) {
     const zem_status st = apply(shard, proc, *change);
@@ -147,7 +195,9 @@ zem_status zem_shard_commit(zem_shard &shard) {
   zem_status st = zem_ok;
   {
     zem_write_guard held(shard.lock);
-    st = zem_spm_commit_begin(shard.log, live);
+    if (shard.parked) return zem_yes;
+    st = zem_shard_unpark(shard);
+    st = zem_status_first(st, zem_spm_commit_begin(shard.log, live));
     if (zem_shard_frozen(shard))
       st = zem_status_first(st, zem_spm_commit_begin(shard.mlog, frozen));
   }
@@ -162,14 +212,29 @@ zem_status zem_shard_commit(zem_shard &shard) {
   return st;
 }
 
-void zem_shard_request(zem_shard &shard) {
+namespace {
+
+void queue(zem_shard &shard, zem_task_kind kind) {
   zem_shard_state idle = zem_shard_state::idle;
   if (!shard.state.compare_exchange_strong(idle, zem_shard_state::queued)) return;
   zem_on_exit unqueue([&] { shard.state = zem_shard_state::idle; });
-  const bool large = dat_bytes(shard) >= zem_cfg_bytes(shard.cfg->split_num);
-  zem_task_add(*shard.task, shard, large ? zem_task_kind::split : zem_task_kind::merge);
+  zem_task_add(*shard.task, shard, kind);
   unqueue.release();
 }
+
+// A split reads the live log's file, so it is not for one whose disk failed.
+bool to_be_split(const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock) {
+  return dat_bytes(shard) >= zem_cfg_bytes(shard.cfg->split_num) && shard.pause.failure >= 0 &&
+         zem_spm_failure(shard.log) >= 0 && zem_spm_failure(shard.mlog) >= 0;
+}
+
+}  // namespace
+
+void zem_shard_request(zem_shard &shard) {
+  queue(shard, to_be_split(shard) ? zem_task_kind::split : zem_task_kind::merge);
+}
+
+void zem_shard_request_merge(zem_shard &shard) { queue(shard, zem_task_kind::merge); }
 
 bool zem_shard_retry_due(const zem_shard &shard, std::uint64_t now_us) {
   return shard.pause.failure < 0 && shard.refused >= 0 && now_us >= shard.pause.until_us;
@@ -183,7 +248,7 @@ bool zem_shard_claim(zem_shard &shard, zem_shard_state running) noexcept {
 zem_shard_load_level zem_shard_level(const zem_shard &shard) {
   const zem_shard_state state = shard.state;
   const bool waits = state == zem_shard_state::idle && shard.pause.failure < 0;
-  return {waits ? zem_shard_state::merging : state, shard.log.file.size};
+  return {waits ? zem_shard_state::merging : state, shard.log.file.size + doc_bytes(shard)};
 }
 
 bool zem_shard_frozen(const zem_shard &shard) { return shard.mlog.tree.count > 0; }

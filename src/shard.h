@@ -2,7 +2,8 @@
 // postings, and, from the begin of a merge until its data file is in place, the frozen log.
 //
 // Postings live in up to three places: `log`, `mlog` and `dat`. A query walks all three and takes
-// equal postings once. A merge freezes the live log (it becomes `mlog`, its file "_m.log"), writes a
+// equal postings once. While a split replays the live log, updates wait in `doc`, where no query sees
+// them. A merge freezes the live log (it becomes `mlog`, its file "_m.log"), writes a
 // new data file from the frozen log and the old data file, leaving out what the log deletes, and puts
 // it in place by two renames. A merge that fails keeps the frozen log, in memory and on disk, and
 // the shard goes on answering from it; the next merge starts from the very same frozen log.
@@ -44,7 +45,7 @@ enum class zem_shard_state : std::int16_t {
 
 // The pause after a merge that failed.
 struct zem_shard_pause {
-  zem_status failure = zem_ok;  // of the last merge; zem_ok: none is waited for
+  zem_status failure = zem_ok;  // of the last merge or split; zem_ok: none is waited for
   std::uint64_t until_us = 0;   // on the monotonic clock; the timer asks for a merge after that
   std::uint32_t length_ms = 0;  // doubled by the next failure
 };
@@ -59,7 +60,8 @@ struct zem_shard {
   std::atomic<std::uint32_t> stamp = 0;  // Unix s of the last update, 0: all committed or a commit
                                          // is queued; timer and commit take it without `lock`
 
-  // Set when the record is made, before anybody else sees it.
+  // Set when the record is made, before anybody else sees it. A split exchanges `id` as well, with
+  // the table's lock held for writing, and this shard's.
   std::uint32_t id = 0;          // names the files
   std::string directory;         // the table's
   const zem_cfg *cfg = nullptr;  // the table's; outlives the shard
@@ -75,6 +77,9 @@ struct zem_shard {
   zem_spm mlog ZEM_GUARDED_BY(lock);  // the frozen log: holds postings, or is empty
   zem_spx dat ZEM_GUARDED_BY(lock);
   zem_spx mdat ZEM_GUARDED_BY(lock);  // what a merge writes; its task works on it without `lock`
+  bool parked ZEM_GUARDED_BY(lock) = false;  // a split replays `log`: updates wait in `doc`
+  // Updates that no log has yet: parked, or left by a cancelled split whose log did not take them.
+  zem_doc doc ZEM_GUARDED_BY(lock);
   zem_status refused ZEM_GUARDED_BY(lock) = zem_ok;  // why no merge may run until the next open
   zem_shard_pause pause ZEM_GUARDED_BY(lock);
 };
@@ -104,6 +109,8 @@ zem_status zem_shard_clear(zem_shard &shard) ZEM_REQUIRES(shard.lock);
 // Applies changes, in key order and inside the shard's range, to the live log, and asks for a merge
 // when that has grown to `merge_num` MiB. `applied` counts the changes that need not come again:
 // all of them, or those before the one that failed. zem_yes: the high key grew.
+//
+// While the shard is parked the changes gather in `doc`; -EBUSY when that holds `merge_num` MiB.
 zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
                             std::span<const zem_doc_val *const> changes, std::size_t &applied)
     ZEM_REQUIRES(shard.lock);
@@ -111,10 +118,14 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
 // Makes every log of the shard durable. Takes the lock for the writes and lets it go for the last
 // sync. After a failure `stamp` is set again; after a failed sync a merge is asked for as well,
 // which takes the postings from memory, and until it has ended every commit fails likewise.
+//
+// zem_yes: nothing was done, as the shard is parked; the end of the split sees to the commit.
 zem_status zem_shard_commit(zem_shard &shard) ZEM_EXCLUDES(shard.lock);
 
 // Queues a merge, or a split where the data file has grown to `split_num` MiB, if the shard is idle.
+// After a failure, and for a log that lost its disk, it is always a merge.
 void zem_shard_request(zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
+void zem_shard_request_merge(zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
 
 // Whether a merge that waits after a failure is due.
 bool zem_shard_retry_due(const zem_shard &shard, std::uint64_t now_us)
@@ -128,7 +139,7 @@ bool zem_shard_claim(zem_shard &shard, zem_shard_state running) noexcept;
 // How far background work lags behind, as the writers' slow-down looks at it.
 struct zem_shard_load_level {
   zem_shard_state state;    // merging while a failed merge is waited for
-  std::uint64_t log_bytes;  // of the live log's file
+  std::uint64_t log_bytes;  // of the live log's file, and of what waits to get there
 };
 zem_shard_load_level zem_shard_level(const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
 
@@ -193,5 +204,5 @@ zem_status zem_shard_merge_release(const zem_shard &shard, zem_shard_remains &re
 // Removes the unfinished data file. The frozen log stays.
 void zem_shard_merge_cancel(zem_shard &shard) ZEM_REQUIRES(shard.lock);
 
-// Remembers how a merge went: sets or ends the pause.
+// Remembers how a merge or split went: sets or ends the pause.
 void zem_shard_merge_settle(zem_shard &shard, zem_status result) ZEM_REQUIRES(shard.lock);

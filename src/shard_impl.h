@@ -4,14 +4,29 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 
 #include "base/stream.h"
 
+#include "src/shard.h"
 #include "src/spx.h"
 
 // Where a log that holds damage is copied before anything of it may be overwritten.
 inline constexpr const char *zem_shard_bad = ".bad";
+
+// What the last merge could not remove, or a crash left. A frozen log in use is no leftover, and an
+// old data file stays while nothing stands in its place. The renames that made them leftovers are
+// durable before they go.
+zem_status zem_shard_tidy(const zem_shard &shard) ZEM_REQUIRES(shard.lock);
+
+// Sets the live log aside as the frozen one and starts a new live log. `create_rest` creates the
+// other files that the work needs, so that one sync makes them durable. The maps change hands last.
+zem_status zem_shard_freeze(zem_shard &shard, const std::function<zem_status()> &create_rest)
+    ZEM_REQUIRES(shard.lock);
+
+// Applies to the live log what a cancelled split left in `doc`; what was applied leaves it.
+zem_status zem_shard_unpark(zem_shard &shard) ZEM_REQUIRES(shard.lock);
 
 // Doc id `index` of a run.
 inline std::uint64_t zem_run_at(std::span<const std::byte> run, std::size_t index) noexcept {

@@ -171,6 +171,10 @@ zem_status zem_spm_load(zem_spm &spm, zem_mkey &mkey, const std::string &bad_nam
 zem_status zem_spm_load_frozen(zem_spm &spm, zem_mkey &mkey, const std::string &bad_name,
                                zem_err *err);
 
+// Reads a block that was written in full, and verifies it. After a failure the content of `block` is
+// unspecified. Errors: ZEM_SDB_E_CHECKSUM, ZEM_SDB_E_KIND, or the file's own.
+zem_status zem_spm_read_blk(const zem_spm &spm, std::uint32_t index, zem_block_span block);
+
 // Logs an insert. Zero when the posting is in the map already, deleted or not, or did not raise
 // `mkey`; zem_yes when it did. After a failure the log holds what it held before.
 zem_status zem_spm_insert(zem_spm &spm, zem_proc &proc, std::uint64_t id, const zem_term &term,

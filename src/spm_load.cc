@@ -8,6 +8,7 @@
 
 #include "base/crc.h"
 
+#include "src/spm_blk.h"
 #include "src/spm_impl.h"
 
 namespace format = zem_spm_format;
@@ -109,24 +110,14 @@ zem_status accept_blk(zem_block_span block) {
 
 // Brings the postings of an acceptable block into the map.
 void replay_postings(zem_spm &spm, zem_block_view block, std::uint32_t blk_no, zem_mkey &mkey) {
-  std::uint32_t left = head_word(block, format::posting_count_at);
-  const std::byte *at = &block[format::groups_at];
-  while (left > 0) {
-    zem_term term{};
-    for (std::size_t i = 0; i < term.size(); ++i)
-      term[i] = zem_stream_get_dword(at + i * sizeof term[i]);
-    const std::uint32_t count = zem_stream_get_word(at + format::group_count_at);
-    at += format::group_head_size;
-    left -= count;
-    for (std::uint32_t i = 0; i < count; ++i, at += format::posting_size) {
-      const std::uint64_t id = zem_stream_get_lword(at);
-      zem_spm_node *node = nullptr;
-      zem_spm_node_set(spm, term, id, node);
-      node->value->blk_no = blk_no;
-      const bool deleted = (at[format::op_at] & format::op_sign) != std::byte{0};
-      node->value->flag = deleted ? -1 : 0;
-      zem_mkey_copy(mkey, term, id);
-    }
+  zem_blk reader;
+  zem_blk_read(reader, block, head_word(block, format::posting_count_at));
+  while (zem_blk_next(reader)) {
+    zem_spm_node *node = nullptr;
+    zem_spm_node_set(spm, reader.term, reader.id, node);
+    node->value->blk_no = blk_no;
+    node->value->flag = reader.deleted ? -1 : 0;
+    zem_mkey_copy(mkey, reader.term, reader.id);
   }
 }
 
@@ -257,4 +248,12 @@ zem_status zem_spm_load(zem_spm &spm, zem_mkey &mkey, const std::string &bad_nam
 zem_status zem_spm_load_frozen(zem_spm &spm, zem_mkey &mkey, const std::string &bad_name,
                                zem_err *err) {
   return load(spm, true, mkey, bad_name, err);
+}
+
+zem_status zem_spm_read_blk(const zem_spm &spm, std::uint32_t index, zem_block_span block) {
+  const std::uint64_t offset = std::uint64_t{index} * zem_block_size;
+  if (zem_status st = zem_file_read(spm.file, offset, block); st < 0) return st;
+  if (!checksum_holds(block)) return bad_checksum;
+  if (block[format::kind_at] != format::kind_log) return bad_kind;
+  return groups_end(block) == 0 ? bad_checksum : zem_ok;
 }

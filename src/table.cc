@@ -164,13 +164,35 @@ zem_status zem_table_merge(zem_table &table) {
   return zem_ok;
 }
 
+void zem_shard_sleep(zem_table &table, const zem_shard &shard) {
+  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
+  zem_lock_guard held(table.wait_mutex);
+  while (shard.state >= zem_shard_state::splitting) {
+    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return;
+  }
+}
+
+namespace {
+
+// Commits a shard, after the split that parks its updates has ended.
+zem_status sync_shard(zem_table &table, zem_shard &shard) {
+  for (bool waited = false;; waited = true) {
+    const zem_status st = zem_shard_commit(shard);
+    if (st <= 0) return st;
+    if (waited) return zem_status{-EBUSY};
+    zem_shard_sleep(table, shard);
+  }
+}
+
+}  // namespace
+
 zem_status zem_table_sync(zem_table &table) {
   if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
   zem_status first = zem_table_update(table, true);
   if (zem_status st = zem_table_hold(table); st < 0) return zem_status_first(first, st);
   zem_on_exit unhold([&] { zem_table_unhold(table); });
   for (zem_shard *shard : zem_table_shard_list(table))
-    first = zem_status_first(first, zem_shard_commit(*shard));
+    first = zem_status_first(first, sync_shard(table, *shard));
   zem_lock_guard listed(table.list_mutex);
   return zem_status_first(first, zem_table_restore(table));
 }

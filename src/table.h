@@ -27,6 +27,7 @@
 #include "base/status.h"
 #include "base/thread.h"
 
+#include "include/zem_sdb.h"
 #include "src/arrx.h"
 #include "src/data_config.h"
 #include "src/data_keys.h"
@@ -37,6 +38,10 @@
 inline constexpr const char *zem_table_cfg_file = "sdb.xml";
 inline constexpr const char *zem_table_list_file = "sdb.lst";
 inline constexpr std::uint32_t zem_table_timer_ms = 3000;
+
+// The host's callbacks by slot; slot 0 is not used. The database owns them, the host sets them at any
+// time.
+using zem_sdb_slots = std::array<std::atomic<zem_sdb_function>, ZEM_SDB_PEER_COMMIT + 1>;
 
 // Who passes the gate, and how it is counted.
 enum class zem_table_role : std::uint8_t { writer, reader };
@@ -51,8 +56,9 @@ struct zem_table {
   std::string path;  // the table's directory
   std::string name;
   zem_cfg cfg;
-  zem_err *err_log = nullptr;        // the host's
-  std::shared_ptr<zem_fd> dir_lock;  // keeps other processes and databases out while open
+  zem_err *err_log = nullptr;                // the host's
+  const zem_sdb_slots *callbacks = nullptr;  // the host's, or null
+  std::shared_ptr<zem_fd> dir_lock;          // keeps other processes and databases out while open
 
   // Raised and lowered under `wait_mutex`, read anywhere.
   std::atomic<bool> open = false;  // serves requests; false while the table is cleared
@@ -121,6 +127,9 @@ void zem_table_wait_clear(zem_table &table, zem_table_role role);
 // Counts a holder that is neither writer nor reader. ZEM_SDB_E_CLOSED while the table is not open.
 zem_status zem_table_hold(zem_table &table);
 void zem_table_unhold(zem_table &table);
+
+// Waits until no split parks the shard's updates any more, at most 300 s.
+void zem_shard_sleep(zem_table &table, const zem_shard &shard);
 
 // ---- shard list
 

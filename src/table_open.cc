@@ -186,6 +186,7 @@ zem_status zem_table_open(zem_table &table, bool &served) {
   served = false;
   if (zem_status st = zem_dir_lock(table.path, table.dir_lock); st < 0) return st;
   table.task.err_log = table.err_log;
+  table.task.table = &table;
   const zem_status opened = open_all_shards(table);
   if (zem_status st = zem_task_open(table.task, table.cfg.thread_num); st < 0) return st;
   zem_timer_set(table.timer, zem_table_timer_ms, [&table] {

@@ -8,8 +8,11 @@
 #include <gtest/gtest.h>
 #include <iostream>
 #include <memory>
+#include <semaphore>
+#include <thread>
 #include <unordered_set>
 
+#include "src/exec_split.h"
 #include "tests/support/crash_sweep.h"
 #include "tests/support/disk.h"
 #include "tests/support/faulty_files.h"
@@ -69,6 +72,21 @@ class faulty_life {
     std::ignore = zem_table_update(*table, false);
     std::ignore = table.wait();
   }
+  // A merge that is given up leaves its frozen log.
+  void freeze() {
+    note();
+    if (!opened) return;
+    zem_shard &shard = table.shard(1);
+    const zem_write_guard held(shard.lock);
+    if (zem_shard_merge_begin(shard) >= 0) zem_shard_merge_cancel(shard);
+    note();
+  }
+  void insert_parked(const std::vector<posting> &some) {
+    accepted.insert(accepted.end(), some.begin(), some.end());
+    note();
+    std::ignore = table.insert(some);
+    std::ignore = zem_table_update(*table, false);
+  }
   void sync() {
     note();
     if (!opened) return;
@@ -79,6 +97,30 @@ class faulty_life {
   void merge() {
     note();
     if (opened) std::ignore = table.merge();
+  }
+  // Splits shard 1 with updates that are parked meanwhile.
+  void split(const std::vector<posting> &parked) {
+    note();
+    if (!opened) return;
+    std::binary_semaphore reached(0), go_on(0);
+    table.lines.on_info = [&](const std::string &line) {
+      if (line != "split notify (0) [1]!") return;
+      reached.release();
+      go_on.acquire();
+    };
+    zem_shard &shard = table.shard(1);
+    shard.state = zem_shard_state::splitting;
+    std::thread splitter([&] {
+      std::ignore = zem_task_split(*table, shard);
+      reached.release();
+    });
+    reached.acquire();
+    if (shard.state == zem_shard_state::splitting) insert_parked(parked);
+    go_on.release();
+    splitter.join();
+    table.lines.on_info = nullptr;
+    note();
+    std::ignore = table.wait();
   }
   void close() {
     note();
@@ -156,21 +198,23 @@ class TableFaultTest : public ::testing::Test {
       ASSERT_EQ(life.table.open(), zem_ok);
       ASSERT_EQ(life.table.wait(), zem_yes);
     }
+    std::vector<posting> expected = life.accepted;
+    std::size_t durable = life.durable;
     if (life.closed_badly) {
       const postings held = life.table.held();
-      EXPECT_TRUE(contains(held, first_of(life.accepted, life.durable)));
-      EXPECT_TRUE(contains(first_of(life.accepted, life.accepted.size()), held));
-      life.accepted.assign(held.begin(), held.end());
-      life.durable = life.accepted.size();
+      EXPECT_TRUE(contains(held, first_of(expected, durable)));
+      EXPECT_TRUE(contains(first_of(expected, expected.size()), held));
+      expected.assign(held.begin(), held.end());
+      durable = expected.size();
     }
     life.table.clock.advance_ms(long_ms);
     zem_table_timer(*life.table);
     ASSERT_EQ(life.table.wait(), zem_yes);
     const posting extra{{1, 9999, 0}, 1};
-    life.accepted.push_back(extra);
+    expected.push_back(extra);
     ASSERT_EQ(life.table.insert({&extra, 1}), zem_ok);
     ASSERT_EQ(zem_table_update(*life.table, false), zem_ok);
-    const postings all = first_of(life.accepted, life.accepted.size());
+    const postings all = first_of(expected, expected.size());
     ASSERT_EQ(life.table.held(), all);
 
     // Where undoing a rename failed as well, merges wait for the next open.
@@ -188,7 +232,7 @@ class TableFaultTest : public ::testing::Test {
     if (closed) {
       EXPECT_EQ(life.table.held(), all);
     }
-    EXPECT_TRUE(contains(life.table.held(), first_of(life.accepted, life.durable)));
+    EXPECT_TRUE(contains(life.table.held(), first_of(expected, durable)));
     EXPECT_FALSE(refuses_merges(life.table));
     life.table.kill();
   }
@@ -381,6 +425,38 @@ TEST_F(TableFaultTest, MergesLoseNothing) {
     life.insert(keys(1, 31, 5));
     life.sync();
   });
+}
+
+// A split that finds postings in data file, frozen log, live log and, in the end, `doc`.
+void split_story(faulty_life &life) {
+  life.open();
+  life.insert(keys(1, 1, 5));
+  life.insert(keys(2, 1, 5));
+  life.sync();
+  life.merge();
+  life.insert({{{1, 0, 0}, 11}, {{2, 0, 0}, 11}});
+  life.sync();
+  life.freeze();
+  life.insert({{{1, 0, 0}, 21}, {{2, 0, 0}, 21}});
+  life.sync();
+  life.split({{{1, 0, 0}, 31}, {{2, 0, 0}, 31}});
+  life.sync();
+  life.insert({{{1, 0, 0}, 41}, {{2, 0, 0}, 41}});
+  life.sync();
+}
+
+TEST_F(TableFaultTest, SplitsLoseNothing) { sweep("splits", shards_state(1), split_story); }
+
+TEST_F(TableFaultTest, ACrashInASplitLosesNothing) {
+  auto life = std::make_unique<faulty_life>(shards_state(1));
+  split_story(*life);
+  EXPECT_EQ(life->table.shards().size(), 2U);
+  life->unfailed = 0;
+  const std::size_t ended = life->recorder.count();
+  std::unordered_set<std::uint64_t> seen;
+  const std::size_t crashes = crash_everywhere(std::move(life), ended, seen);
+  std::cout << "[   SWEPT  ] split: " << ended << " operations, " << crashes << " crashes"
+            << std::endl;
 }
 
 // Opens what the kills of a merge leave, with each operation of the open failing.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
@@ -70,10 +71,13 @@ class error_lines {
   zem_err *const err = zem_err_new(
       [](void *into, int level, const char *line) {
         auto *self = static_cast<error_lines *>(into);
+        if (level < 0 && self->on_info) self->on_info(line);
         const std::lock_guard held(self->mutex_);
         if (level >= 0) self->lines_.emplace_back(line);
       },
       this);
+  std::function<void(const std::string &)>
+      on_info;  // called with each line that tells of no failure
 
  private:
   std::mutex mutex_;
