@@ -18,7 +18,7 @@
 namespace {
 
 constexpr std::uint64_t drain_us = 300ULL * 1000 * 1000;
-constexpr std::uint64_t poll_us = 1000 * 1000;  // of the host's consent
+constexpr std::uint64_t poll_us = 1000ULL * 1000;  // of the host's consent
 constexpr int most_polls = 300;
 
 enum : std::uint32_t { phase_writers, phase_all };  // who is to be held back next

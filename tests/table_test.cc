@@ -10,6 +10,7 @@
 #include <tuple>
 #include <vector>
 
+#include "src/exec_split.h"
 #include "tests/support/faulty_files.h"
 #include "tests/support/table_life.h"
 #include "tests/support/temp_dir.h"
@@ -400,6 +401,56 @@ TEST_F(TableTest, ARunThatFailsTellsOfTheHighKeyItReached) {
   ASSERT_EQ(zem_table_update_x(*table, rest, &keys), -ENOSPC);
   ASSERT_EQ(zem_keys_size(keys), 1);
   EXPECT_EQ(keys.term0[0], table.shard(1).mkey.term[0]);
+}
+
+// ---- splits
+
+TEST_F(TableTest, ASplitSendsEveryChangeToItsHalf) {
+  open();
+  postings wanted;
+  for (std::uint32_t word0 = 1; word0 <= 20; ++word0) {
+    ASSERT_EQ(apply({at(word0, 1)}), zem_ok);
+    wanted.insert(at(word0, 1));
+  }
+  ASSERT_EQ(table.merge(), zem_yes);
+  // A frozen log and a live one, each with something deleted on either side of the middle.
+  for (const std::uint32_t id : {2U, 3U}) {
+    ASSERT_EQ(apply({at(5, id), at(15, id), at(6, id), at(16, id)}), zem_ok);
+    ASSERT_EQ(table.route(std::vector{at(5, id), at(15, id)}, 0), zem_ok);
+    wanted.insert({at(6, id), at(16, id)});
+    zem_shard &shard = table.shard(1);
+    const zem_write_guard held(shard.lock);
+    if (id == 2) {
+      ASSERT_EQ(zem_shard_merge_begin(shard), zem_ok);
+      zem_shard_merge_cancel(shard);
+    }
+  }
+  table.shard(1).state = zem_shard_state::splitting;
+  ASSERT_EQ(zem_task_split(*table, table.shard(1)), zem_ok);
+  EXPECT_THAT(table.shards(), SizeIs(2));
+  EXPECT_THAT(table.held(), wanted);
+  const zem_mkey &boundary = table.shard(2).mkey;
+  for (const posting &low : in_shard(2))
+    EXPECT_GE(zem_mkey_compare(boundary, low.term, low.id), 0);
+  for (const posting &high : in_shard(3))
+    EXPECT_LT(zem_mkey_compare(boundary, high.term, high.id), 0);
+  // Half of 24 postings, less a deleted one, and one from the live log.
+  EXPECT_EQ(in_shard(2).size(), 12U);
+  EXPECT_THAT(table.lines.take(), IsEmpty());
+  table.kill();
+  open();
+  EXPECT_THAT(table.held(), wanted);
+}
+
+TEST_F(TableTest, AShardThatCannotBeHalvedIsMerged) {
+  open();
+  ASSERT_EQ(apply({at(1, 1)}), zem_ok);
+  table.shard(1).state = zem_shard_state::splitting;
+  ASSERT_EQ(zem_task_split(*table, table.shard(1)), zem_ok);
+  ASSERT_EQ(table.wait(), zem_yes);
+  EXPECT_THAT(table.held(), ElementsAre(at(1, 1)));
+  EXPECT_EQ(table.shard(1).dat.doc_num, 1U);
+  EXPECT_THAT(table.lines.take(), IsEmpty());
 }
 
 }  // namespace

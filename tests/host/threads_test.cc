@@ -104,7 +104,8 @@ TEST_F(HostThreadsTest, NothingIsLostOrDoubledThroughContinuousMerges) {
   EXPECT_THAT(log.errors(), IsEmpty());
 }
 
-// Updates, queries and waits on a handle that others close under them, on a table that is cleared.
+// Updates, queries and waits on a handle that others close under them, on a table that is cleared,
+// while another table comes and goes.
 TEST_F(HostThreadsTest, ClosesAndClearsBesideCallsLeaveATableThatWorks) {
   close();
   std::atomic<std::uint64_t> handle = 0;
@@ -134,7 +135,16 @@ TEST_F(HostThreadsTest, ClosesAndClearsBesideCallsLeaveATableThatWorks) {
     for (std::int64_t i = 0; i < zem_var_size(ids.get()); ++i)
       EXPECT_EQ(term_of(zem_var_get_long(ids.get(), i)), term_of(5));
   };
-  run({open_and_close, open_and_close}, {update, update, wait_long, ask});
+  const body create_and_drop = [&] {
+    const std::int32_t created = zem_sdb_table_create(sdb.get(), "u");
+    EXPECT_THAT(created, AnyOf(0, ZEM_SDB_E_NAME));
+    const std::uint64_t opened = zem_sdb_table_open(sdb.get(), "u");
+    expect_fair(zem_sdb_insert(sdb.get(), opened, 1, 1, 1));
+    expect_fair(zem_sdb_table_close(sdb.get(), opened));
+    EXPECT_THAT(zem_sdb_table_drop(sdb.get(), "u"), AnyOf(0, ZEM_SDB_E_NAME));
+  };
+  run({open_and_close, open_and_close},
+      {update, update, wait_long, ask, create_and_drop, create_and_drop});
   open();
   sync();  // what the clears left pending
   EXPECT_EQ(zem_sdb_table_clear(sdb.get(), table), 0);
