@@ -112,8 +112,6 @@ void zem_pipe_cancel(const zem_split &split) {
 
 // ---- waits
 
-bool gives_up(const zem_table &table) noexcept { return table.closing || !table.open; }
-
 // Closes the gate further and waits for those whom it had let in before.
 zem_status zem_task_sleep(zem_split &split, zem_shard_state state) {
   zem_table &table = split.table;
@@ -122,26 +120,16 @@ zem_status zem_task_sleep(zem_split &split, zem_shard_state state) {
   split.shard.state = state;
   const bool all = state == zem_shard_state::holding_readers;
   while (table.writers > 0 || (all && table.readers > 0)) {
-    if (gives_up(table)) return zem_status{ZEM_SDB_E_CLOSED};
+    if (table.closing || !table.open) return zem_status{ZEM_SDB_E_CLOSED};
     if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return zem_status{-EBUSY};
   }
   return zem_ok;
 }
 
-// Sleeps one poll; false when the table is cleared or closed.
-bool sleep_poll(zem_table &table) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + poll_us;
-  zem_lock_guard held(table.wait_mutex);
-  while (!gives_up(table)) {
-    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return true;
-  }
-  return false;
-}
-
 // Waits for the host's consent. One that never answers is not waited for beyond 300 polls.
 zem_status zem_task_sleep_x(const zem_split &split, std::uint32_t phase) {
   for (int poll = 0; poll < most_polls; ++poll) {
-    if (!sleep_poll(split.table)) return zem_status{ZEM_SDB_E_CLOSED};
+    if (!zem_table_nap(split.table, poll_us)) return zem_status{ZEM_SDB_E_CLOSED};
     std::uint32_t done = 0;
     slot<zem_sdb_split_wait>(split, ZEM_SDB_SPLIT_WAIT)(name_of(split), phase, &done);
     if (done != 0) return zem_ok;

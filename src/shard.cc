@@ -118,8 +118,7 @@ void save_from_memory(zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock) {
 
 zem_status apply(zem_shard &shard, zem_proc &proc, const zem_doc_val &change)
     ZEM_REQUIRES(shard.lock) {
-  if (change.flag != 0) return zem_spm_insert(shard.log, proc, change.id, change.term, shard.mkey);
-  return zem_spm_delete(shard.log, proc, change.id, change.term, shard.mkey);
+  return zem_shard_log(shard, proc, change.term, change.id, change.flag != 0);
 }
 
 // The first change that stays is `from`.

@@ -48,6 +48,10 @@ void unfreeze(zem_shard &shard) ZEM_REQUIRES(shard.lock) {
 }  // namespace
 
 zem_status zem_shard_freeze(zem_shard &shard, const std::function<zem_status()> &create_rest) {
+  if (zem_shard_frozen(shard)) {
+    const zem_status created = create_rest();
+    return created < 0 ? created : zem_dir_sync(shard.directory);
+  }
   if (zem_status st = zem_shard_unpark(shard); st < 0) return st;
   const zem_status committed = zem_spm_commit(shard.log);
   // A log that lost its disk is merged from memory: that is how it gets a disk again.

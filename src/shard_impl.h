@@ -20,10 +20,18 @@ inline constexpr const char *zem_shard_bad = ".bad";
 // durable before they go.
 zem_status zem_shard_tidy(const zem_shard &shard) ZEM_REQUIRES(shard.lock);
 
-// Sets the live log aside as the frozen one and starts a new live log. `create_rest` creates the
-// other files that the work needs, so that one sync makes them durable. The maps change hands last.
+// Sets the live log aside as the frozen one and starts a new live log, unless an earlier attempt's
+// frozen log is still there. `create_rest` creates the other files that the work needs, so that one
+// sync makes them durable. The maps change hands last.
 zem_status zem_shard_freeze(zem_shard &shard, const std::function<zem_status()> &create_rest)
     ZEM_REQUIRES(shard.lock);
+
+// Logs one change in the live log and raises the high key: zem_spm_insert or zem_spm_delete.
+inline zem_status zem_shard_log(zem_shard &shard, zem_proc &proc, const zem_term &term,
+                                std::uint64_t id, bool inserted) ZEM_REQUIRES(shard.lock) {
+  return inserted ? zem_spm_insert(shard.log, proc, id, term, shard.mkey)
+                  : zem_spm_delete(shard.log, proc, id, term, shard.mkey);
+}
 
 // Applies to the live log what a cancelled split left in `doc`; what was applied leaves it.
 zem_status zem_shard_unpark(zem_shard &shard) ZEM_REQUIRES(shard.lock);

@@ -44,13 +44,8 @@ zem_status zem_shard_merge_begin(zem_shard &shard) {
   if (shard.refused < 0) return shard.refused;
   if (zem_status st = zem_shard_tidy(shard); st < 0) return st;
   zem_on_exit discard([&]() ZEM_UNCHECKED_LOCKS { discard_new_dat(shard); });
-  zem_status st = zem_ok;
-  if (zem_shard_frozen(shard)) {
-    st = create_new_dat(shard);
-    if (st >= 0) st = zem_dir_sync(shard.directory);
-  } else {
-    st = zem_shard_freeze(shard, [&]() ZEM_UNCHECKED_LOCKS { return create_new_dat(shard); });
-  }
+  const zem_status st =
+      zem_shard_freeze(shard, [&]() ZEM_UNCHECKED_LOCKS { return create_new_dat(shard); });
   if (st >= 0) discard.release();
   return st;
 }

@@ -51,12 +51,6 @@ zem_status zem_pipe_commit_x(zem_pipe &pipe, zem_xblk &out) ZEM_UNCHECKED_LOCKS 
                                : finish_at_peer(pipe, zem_pipe_to::dat);
 }
 
-zem_status log_change(zem_shard &shard, zem_proc &proc, const zem_term &term, std::uint64_t id,
-                      bool inserted) ZEM_UNCHECKED_LOCKS {
-  return inserted ? zem_spm_insert(shard.log, proc, id, term, shard.mkey)
-                  : zem_spm_delete(shard.log, proc, id, term, shard.mkey);
-}
-
 zem_status commit_log(zem_shard &shard) ZEM_UNCHECKED_LOCKS {
   shard.stamp = zem_time();
   return zem_spm_commit(shard.log);
@@ -126,9 +120,10 @@ struct log_sink {
   zem_pipe &pipe;
   zem_proc proc{};  // of low's log
 
-  zem_status put(const zem_term &term, std::uint64_t id, bool inserted) {
-    if (zem_mkey_compare(low.mkey, term, id) >= 0) return log_change(low, proc, term, id, inserted);
-    if (pipe.shard != nullptr) return log_change(*pipe.shard, pipe.proc, term, id, inserted);
+  zem_status put(const zem_term &term, std::uint64_t id, bool inserted) ZEM_UNCHECKED_LOCKS {
+    if (zem_mkey_compare(low.mkey, term, id) >= 0)
+      return zem_shard_log(low, proc, term, id, inserted);
+    if (pipe.shard != nullptr) return zem_shard_log(*pipe.shard, pipe.proc, term, id, inserted);
     return add_to_batch(pipe, term, id, inserted, zem_pipe_to::log);
   }
 };
@@ -153,10 +148,8 @@ zem_status zem_shard_split_begin(zem_shard &shard, zem_pipe &pipe, zem_shard &lo
     const zem_status st = zem_shard_open_new(low);
     return st >= 0 && pipe.shard != nullptr ? zem_shard_open_new(*pipe.shard) : st;
   };
-  if (!zem_shard_frozen(shard)) return zem_shard_freeze(shard, create);
   if (zem_status st = zem_shard_unpark(shard); st < 0) return st;
-  if (zem_status st = create(); st < 0) return st;
-  return zem_dir_sync(shard.directory);
+  return zem_shard_freeze(shard, create);
 }
 
 zem_status zem_shard_split(const zem_shard &shard, zem_pipe &pipe, zem_shard &low) {

@@ -164,6 +164,15 @@ zem_status zem_table_merge(zem_table &table) {
   return zem_ok;
 }
 
+bool zem_table_nap(zem_table &table, std::uint64_t micros) {
+  const std::uint64_t deadline_us = zem_timer_stamp() + micros;
+  zem_lock_guard held(table.wait_mutex);
+  while (table.open && !table.closing) {
+    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return true;
+  }
+  return false;
+}
+
 void zem_shard_sleep(zem_table &table, const zem_shard &shard) {
   const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
   zem_lock_guard held(table.wait_mutex);

@@ -18,3 +18,6 @@ void zem_table_request_commits(zem_table &table, zem_table_which which);
 
 // Ends the caller's part as a writer or reader; it stays a holder until zem_table_unhold.
 void zem_table_wait_stay(zem_table &table, zem_table_role role);
+
+// Sleeps; false, at once, when the table is cleared or closed.
+bool zem_table_nap(zem_table &table, std::uint64_t micros);

@@ -163,7 +163,10 @@ bool has_shards(const zem_table &table) {
 // Routes the pending batch through a gate that has let the caller in.
 zem_status route_pending(zem_table &table, std::vector<zem_xshard> &runs, lag &seen)
     ZEM_REQUIRES(table.routing) {
-  if (!has_shards(table)) return zem_status{ZEM_SDB_E_SHARD};
+  if (!has_shards(table)) {
+    forget_count(table);
+    return zem_status{ZEM_SDB_E_SHARD};
+  }
   take_batch(table);
   const zem_status st = route(table, table.batch, runs, seen, nullptr);
   if (st < 0) give_back(table, runs);
@@ -173,12 +176,7 @@ zem_status route_pending(zem_table &table, std::vector<zem_xshard> &runs, lag &s
 
 // Sleeps one step of the slow-down; false when nobody is to be slowed down any more.
 bool nap(zem_table &table) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + std::uint64_t{table.cfg.commit_time} * 1000;
-  zem_lock_guard held(table.wait_mutex);
-  while (table.open && !table.closing) {
-    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return true;
-  }
-  return false;
+  return zem_table_nap(table, std::uint64_t{table.cfg.commit_time} * 1000);
 }
 
 lag look_again(const std::vector<zem_xshard> &runs) {
