@@ -163,6 +163,30 @@ int64_t zem_var_longs(const zem_var *list, const uint64_t **values, const uint32
   return static_cast<std::int64_t>(count);
 }
 
+zem_xvars *zem_xvars_new(void) {
+  return zem_boundary<zem_xvars *>(nullptr, [] { return std::make_unique<zem_xvars>().release(); });
+}
+
+void zem_xvars_free(zem_xvars *lists) { delete lists; }
+
+int64_t zem_xvars_size(const zem_xvars *lists) {
+  return lists == nullptr ? 0 : static_cast<std::int64_t>(lists->lists.size());
+}
+
+const zem_var *zem_xvars_get(const zem_xvars *lists, int64_t index) {
+  const auto count = static_cast<std::uint64_t>(zem_xvars_size(lists));
+  if (index == last_item && count > 0) return &lists->lists.back();
+  return static_cast<std::uint64_t>(index) < count ? &lists->lists[static_cast<std::size_t>(index)]
+                                                   : nullptr;
+}
+
+void zem_xvars_shrink(zem_xvars *lists, int64_t size) {
+  const auto kept = static_cast<std::uint64_t>(std::max<std::int64_t>(size, 0));
+  if (kept < static_cast<std::uint64_t>(zem_xvars_size(lists)))
+    lists->lists.erase(lists->lists.begin() + static_cast<std::ptrdiff_t>(kept),
+                       lists->lists.end());
+}
+
 void zem_var_reserve(zem_var &list, std::size_t more) {
   const std::size_t count = list.values.size() + more;
   make_room(list.values, count);

@@ -33,6 +33,11 @@ struct zem_var {
   bool tagged = false;
 };
 
+// A list of value lists, such as the first doc ids of each term of a page. Only the library adds to it.
+struct zem_xvars {
+  std::vector<zem_var> lists;
+};
+
 // For lists that the library fills with numbers. An allocation failure leaves the list as it was.
 void zem_var_reserve(zem_var &list, std::size_t more);
 // Appends values, each with the same tag.

@@ -63,6 +63,7 @@ typedef struct zem_sdb zem_sdb;               /* a database */
 typedef struct zem_doc zem_doc;               /* a document batch */
 typedef struct zem_keys zem_keys;             /* a key list */
 typedef struct zem_var zem_var;               /* a value list, or one string value */
+typedef struct zem_xvars zem_xvars;           /* a list of value lists */
 typedef struct zem_err zem_err;               /* an error log */
 typedef struct zem_xtree_node zem_xtree_node; /* a position in a document batch */
 
@@ -108,6 +109,14 @@ int zem_var_set_buf(zem_var *list, int64_t index, uint32_t tag); /* 1 set, 0 not
 /* The items of a list of numbers as they lie in memory, for reading whole results at once; tags is
  * null for a list without tags. Valid until the list changes. Returns the number of items. */
 int64_t zem_var_longs(const zem_var *list, const uint64_t **values, const uint32_t **tags);
+
+/* A list of value lists, which the library fills. */
+zem_xvars *zem_xvars_new(void); /* null when memory is short; the caller frees it */
+void zem_xvars_free(zem_xvars *lists);
+int64_t zem_xvars_size(const zem_xvars *lists);
+/* One of the lists, -1 the last; null past the end. Belongs to `lists`, valid until these change. */
+const zem_var *zem_xvars_get(const zem_xvars *lists, int64_t index);
+void zem_xvars_shrink(zem_xvars *lists, int64_t size); /* keeps the first `size` lists; 0 empties */
 
 /* ---- database and tables -------------------------------------------------------------------- */
 
@@ -244,6 +253,36 @@ int32_t zem_sdb_shards(zem_sdb *sdb, uint64_t table, zem_keys *keys);
 /* Terms in a shard's log and in its data file. Errors: also ZEM_SDB_E_SHARD, both outputs 0. */
 int32_t zem_sdb_key_count(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t *log_count,
                           uint64_t *dat_count);
+
+/* Looking into one shard. `log` functions see its live log, `dat` functions its data file; what a
+ * running merge has set aside is in neither. In each of them, terms are numbered from 0 in key order.
+ * For people and tools: a query is the way to a table's answers. */
+
+/* Finds the shard whose range holds a term, and the term's number among those of its log (data file),
+ * or that of the first term behind it; all ones where there is neither. Errors: ZEM_SDB_E_HANDLE and
+ * ZEM_SDB_E_CLOSED, both with the outputs untouched; ZEM_SDB_E_SHARD; dat: also ZEM_SDB_E_CHECKSUM,
+ * ZEM_SDB_E_KIND. */
+int32_t zem_sdb_log_find(zem_sdb *sdb, uint64_t table, uint64_t head, uint32_t third,
+                         uint32_t *shard, uint64_t *position);
+/* Lists terms from number `first` on: at most `limit` of them, or all when that is 0 or less. Appends
+ * one item per term to `heads` and `thirds` and, after emptying it, to `ids`. The tag of a third word
+ * (in a tagged list) is the number of the term's postings, and its list in `ids` holds the newest of
+ * their doc ids, at most 11. A term whose newest posting the log marks as deleted counts towards
+ * `limit` but is not listed; deleted postings of other terms are listed and counted. 1: more terms
+ * follow; 0: none does. Errors: as above; the last term listed may then lack its ids. */
+int32_t zem_sdb_log_keys(zem_sdb *sdb, uint64_t table, uint32_t shard, int64_t first, int64_t limit,
+                         zem_var *heads, zem_var *thirds, zem_xvars *ids);
+/* Lists the doc ids of a term, newest first, deleted ones of a log included: passes over `offset` of
+ * them and takes at most `limit`, or all when that is 0 or less. `ids` is emptied first. 1: the term is
+ * there; 0: it is not. Errors: as above. */
+int32_t zem_sdb_log_ids(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t head, uint32_t third,
+                        int64_t offset, int64_t limit, zem_var *ids);
+int32_t zem_sdb_dat_find(zem_sdb *sdb, uint64_t table, uint64_t head, uint32_t third,
+                         uint32_t *shard, uint64_t *position);
+int32_t zem_sdb_dat_keys(zem_sdb *sdb, uint64_t table, uint32_t shard, int64_t first, int64_t limit,
+                         zem_var *heads, zem_var *thirds, zem_xvars *ids);
+int32_t zem_sdb_dat_ids(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t head, uint32_t third,
+                        int64_t offset, int64_t limit, zem_var *ids);
 
 /* ---- for hosts that want to wait, and for messages ------------------------------------------ */
 

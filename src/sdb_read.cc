@@ -37,3 +37,73 @@ int32_t zem_sdb_key_count(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t
     return zem_table_key_count(opened, shard, *log_count, *dat_count);
   });
 }
+
+namespace {
+
+std::int32_t find_term(zem_sdb *sdb, std::uint64_t table, const char *message,
+                       zem_table_source source, const zem_term &term, std::uint32_t *shard,
+                       std::uint64_t *position) {
+  if (shard == nullptr || position == nullptr) return -EINVAL;
+  return zem_sdb_call(sdb, table, message, [&](zem_table &opened) {
+    return zem_table_find_term(opened, source, term, *shard, *position);
+  });
+}
+
+std::int32_t list_terms(zem_sdb *sdb, std::uint64_t table, const char *message,
+                        zem_table_source source, std::uint32_t shard, const zem_shard_page &page,
+                        zem_var *heads, zem_var *thirds, zem_xvars *ids) {
+  zem_xvars_shrink(ids, 0);
+  if (heads == nullptr || thirds == nullptr || ids == nullptr) return -EINVAL;
+  zem_shard_terms terms{.heads = *heads, .thirds = *thirds, .ids = *ids};
+  return zem_sdb_call(sdb, table, message, [&](zem_table &opened) {
+    return zem_table_keys(opened, source, shard, page, terms);
+  });
+}
+
+std::int32_t list_ids(zem_sdb *sdb, std::uint64_t table, const char *message,
+                      zem_table_source source, std::uint32_t shard, const zem_term &term,
+                      const zem_shard_page &page, zem_var *ids) {
+  zem_var_shrink(ids, 0);
+  if (ids == nullptr) return -EINVAL;
+  return zem_sdb_call(sdb, table, message, [&](zem_table &opened) {
+    return zem_table_ids(opened, source, shard, term, page, *ids);
+  });
+}
+
+}  // namespace
+
+int32_t zem_sdb_log_find(zem_sdb *sdb, uint64_t table, uint64_t head, uint32_t third,
+                         uint32_t *shard, uint64_t *position) {
+  return find_term(sdb, table, "log find error: %d", zem_table_source::log,
+                   zem_term_join(head, third), shard, position);
+}
+
+int32_t zem_sdb_log_keys(zem_sdb *sdb, uint64_t table, uint32_t shard, int64_t first, int64_t limit,
+                         zem_var *heads, zem_var *thirds, zem_xvars *ids) {
+  return list_terms(sdb, table, "log keys error: %d", zem_table_source::log, shard, {first, limit},
+                    heads, thirds, ids);
+}
+
+int32_t zem_sdb_log_ids(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t head, uint32_t third,
+                        int64_t offset, int64_t limit, zem_var *ids) {
+  return list_ids(sdb, table, "log ids error: %d", zem_table_source::log, shard,
+                  zem_term_join(head, third), {offset, limit}, ids);
+}
+
+int32_t zem_sdb_dat_find(zem_sdb *sdb, uint64_t table, uint64_t head, uint32_t third,
+                         uint32_t *shard, uint64_t *position) {
+  return find_term(sdb, table, "dat find error: %d", zem_table_source::dat,
+                   zem_term_join(head, third), shard, position);
+}
+
+int32_t zem_sdb_dat_keys(zem_sdb *sdb, uint64_t table, uint32_t shard, int64_t first, int64_t limit,
+                         zem_var *heads, zem_var *thirds, zem_xvars *ids) {
+  return list_terms(sdb, table, "dat keys error: %d", zem_table_source::dat, shard, {first, limit},
+                    heads, thirds, ids);
+}
+
+int32_t zem_sdb_dat_ids(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t head, uint32_t third,
+                        int64_t offset, int64_t limit, zem_var *ids) {
+  return list_ids(sdb, table, "dat ids error: %d", zem_table_source::dat, shard,
+                  zem_term_join(head, third), {offset, limit}, ids);
+}

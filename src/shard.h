@@ -175,6 +175,46 @@ struct zem_found {
 zem_status zem_shard_query(const zem_shard &shard, const zem_shard_item &item, zem_found &found)
     ZEM_REQUIRES_SHARED(shard.lock);
 
+// ---- inspection: what the live log and the data file hold, each by itself. What a merge has frozen and
+// what a split has parked is not seen. Terms are numbered from 0 in key order within either of them.
+
+// The number of the term, or of the first one behind it. `position` stays where there is neither.
+// Errors, of all functions on the data file: as zem_shard_query.
+zem_status zem_shard_log_find(const zem_shard &shard, const zem_term &term, std::uint64_t &position)
+    ZEM_REQUIRES_SHARED(shard.lock);
+zem_status zem_shard_dat_find(const zem_shard &shard, const zem_term &term, std::uint64_t &position)
+    ZEM_REQUIRES_SHARED(shard.lock);
+
+// Part of a list: what comes after the first `skip` items, at most `limit` of them; all when that is 0 or
+// less. A negative `skip` is part of the limit.
+struct zem_shard_page {
+  std::int64_t skip = 0;
+  std::int64_t limit = 0;
+};
+
+// What a page of terms is appended to: the three lists run in parallel.
+struct zem_shard_terms {
+  zem_var &heads;
+  zem_var &thirds;  // tagged with the term's number of postings, deleted ones included
+  zem_xvars &ids;   // the term's newest doc ids, at most 11
+};
+
+// Lists terms. In the log a term whose newest posting is deleted counts for the page and is not listed.
+// zem_yes: more terms follow. After a failure the last term listed lacks its ids.
+zem_status zem_shard_log_keys(const zem_shard &shard, const zem_shard_page &page,
+                              zem_shard_terms &terms) ZEM_REQUIRES_SHARED(shard.lock);
+zem_status zem_shard_dat_keys(const zem_shard &shard, const zem_shard_page &page,
+                              zem_shard_terms &terms) ZEM_REQUIRES_SHARED(shard.lock);
+
+// Lists the doc ids of a term, newest first, those of deleted postings in the log too. zem_yes: the term
+// is there.
+zem_status zem_shard_log_ids(const zem_shard &shard, const zem_term &term,
+                             const zem_shard_page &page, zem_var &ids)
+    ZEM_REQUIRES_SHARED(shard.lock);
+zem_status zem_shard_dat_ids(const zem_shard &shard, const zem_term &term,
+                             const zem_shard_page &page, zem_var &ids)
+    ZEM_REQUIRES_SHARED(shard.lock);
+
 // ---- merge, run by the task that claimed the shard
 
 // What an ended merge leaves to be let go without the lock: large maps, descriptors and files.

@@ -4,7 +4,10 @@
 // An iterator stays valid while postings are added; the owner of the log holds its lock meanwhile.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+
+#include "base/var.h"
 
 #include "src/spm.h"
 #include "src/xtree.h"
@@ -57,3 +60,11 @@ inline void zem_spm_iterd_first(const zem_spm &spm, zem_iter &iter) noexcept {
 inline void zem_spm_iterd_next(zem_iter &iter) noexcept {
   if (iter.node != nullptr) zem_spm_iter_proc(iter, iter.node->next);
 }
+
+// On the first posting of the `index`-th term, counting from 0, or on nothing when there are fewer.
+void zem_spm_iterd_find_x(const zem_spm &spm, zem_iter &iter, std::uint64_t index) noexcept;
+
+// On the first posting of the next term. `count` becomes the number of postings passed, deleted ones
+// included; the first of their ids, `most` at most, are appended to `ids` unless that is null. False:
+// no term follows, and the iterator stands on nothing.
+bool zem_spm_iterd_next_x(zem_iter &iter, std::uint64_t &count, zem_var *ids, std::size_t most);

@@ -34,6 +34,7 @@ zem_status fetch(const zem_spx &spx, zem_xiter &it, const zem_spx_node &node) {
     if (zem_status st = zem_spx_read_blk(spx, node, *fresh); st < 0) return st;
     block = std::move(fresh);
     zem_cache_write(spx.cache, node.value->blk_no, block);
+    zem_cache_trim(spx.cache);  // a walk of a whole file must not keep it all
   }
   it.block = std::move(block);
   it.node = &node;
@@ -111,13 +112,104 @@ zem_status zem_spx_iterd_first(const zem_spx &spx, zem_xiter &it) {
   return scan_block(spx, it, zem_xtree_node_first(spx.tree));
 }
 
+namespace {
+
+bool at_last_group(const zem_xiter &it) noexcept { return it.group + 1 == it.block->groups.size(); }
+
+// Whether the term of the block before goes on in the whole of this one.
+bool is_continuation(const zem_spx_node &node) noexcept {
+  return node.value->cont != 0 && node.value->grp_num <= 1;
+}
+
+std::size_t run_size(const zem_xiter &it) noexcept {
+  return zem_xiter_run(it).size() / format::id_size;
+}
+
+}  // namespace
+
 zem_status zem_spx_iter_next_group(const zem_spx &spx, zem_xiter &it) {
-  const bool last_group = it.group + 1 == it.block->groups.size();
+  return zem_spx_iter_pass(spx, it, run_size(it));
+}
+
+zem_status zem_spx_iter_pass(const zem_spx &spx, zem_xiter &it, std::uint64_t count) {
+  while (zem_xiter_stands(it) && count > 0) {
+    const std::size_t run = run_size(it);
+    if (count < run) {
+      zem_xiter_move(it, count);
+      break;
+    }
+    count -= run;
+    const bool last_group = at_last_group(it);
+    stand_on_nothing(it);
+    const zem_spx_node *next = it.node->next;
+    if (!last_group) return zem_ok;
+    for (; next != nullptr && is_continuation(*next) && count >= next->value->rec_num;
+         next = next->next)
+      count -= next->value->rec_num;
+    if (next == nullptr || next->value->cont == 0) return zem_ok;
+    if (zem_status st = fetch(spx, it, *next); st < 0) return st;
+    stand_on(it, 0, 0);
+  }
+  return zem_xiter_stands(it) ? zem_yes : zem_ok;
+}
+
+namespace {
+
+// Terms that begin in the block.
+std::uint64_t terms_begun(const zem_spx_node &node) noexcept {
+  return std::uint64_t{node.value->grp_num} - (node.value->cont != 0 ? 1 : 0);
+}
+
+}  // namespace
+
+zem_status zem_spx_iterd_find_x(const zem_spx &spx, zem_xiter &it, std::uint64_t index) {
   stand_on_nothing(it);
-  const zem_spx_node *next = it.node->next;
-  if (!last_group || next == nullptr || next->value->cont == 0) return zem_ok;  // the term ends
-  if (zem_status st = fetch(spx, it, *next); st < 0) return st;
-  stand_on(it, 0, 0);
+  const zem_spx_node *node = zem_xtree_node_first(spx.tree);
+  for (; node != nullptr && terms_begun(*node) <= index; node = node->next)
+    index -= terms_begun(*node);
+  if (node == nullptr) return zem_ok;
+  if (zem_status st = fetch(spx, it, *node); st < 0) return st;
+  stand_on(it, index + (node->value->cont != 0 ? 1 : 0), 0);
+  return zem_ok;
+}
+
+zem_status zem_spx_iterd_next_x(const zem_spx &spx, zem_xiter &it, std::uint64_t &count,
+                                zem_var *ids, std::size_t most) {
+  count = 0;
+  while (zem_xiter_stands(it)) {
+    const std::size_t run = run_size(it);
+    if (ids != nullptr && count < most) {
+      const std::size_t shown = std::min<std::size_t>(run, most - count);
+      zem_var_append_lwords(*ids, zem_xiter_run(it).first(shown * format::id_size), 0);
+    }
+    count += run;
+    if (!at_last_group(it)) {
+      stand_on(it, it.group + 1, 0);
+      return zem_yes;
+    }
+    stand_on_nothing(it);
+    const zem_spx_node *next = it.node->next;
+    for (; next != nullptr && is_continuation(*next) && (ids == nullptr || count >= most);
+         next = next->next)
+      count += next->value->rec_num;
+    if (next == nullptr) return zem_ok;
+    if (zem_status st = fetch(spx, it, *next); st < 0) return st;
+    stand_on(it, 0, 0);
+    if (it.first) return zem_yes;
+  }
+  return zem_ok;
+}
+
+zem_status zem_spx_term_index(const zem_spx &spx, const zem_term &term, std::uint64_t &index) {
+  bool past_end = false;
+  const zem_spx_node *found = zem_xtree_node_bfind(spx.tree, term, zem_id_first, &past_end);
+  if (found == nullptr || past_end) return zem_ok;
+  std::uint64_t before = 0;
+  for (const zem_spx_node *node = zem_xtree_node_first(spx.tree); node != found; node = node->next)
+    before += terms_begun(*node);
+  zem_xiter it;
+  if (zem_status st = fetch(spx, it, *found); st < 0) return st;
+  index = before + find_group(*it.block, term) - (found->value->cont != 0 ? 1 : 0);
   return zem_yes;
 }
 

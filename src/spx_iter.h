@@ -1,8 +1,9 @@
 // Cursors over a data file. A cursor stands on one posting of one data block, or on nothing.
 //
 // Two families. `iter` serves queries: it walks one term, takes its blocks from the cache, and
-// answers zem_yes while it stands on a posting. `iterd` serves merges and splits: it walks the
-// whole file, reads every block into a buffer of its own and leaves the cache alone.
+// answers zem_yes while it stands on a posting. `iterd` walks the whole file. Merges and splits go
+// through it posting by posting, read every block into a buffer of their own and leave the cache alone;
+// listings go through it term by term, by way of the cache.
 //
 // Either can be walked a posting at a time or a run at a time. A run is what is left of the group
 // that the cursor stands in: postings of one term, their doc ids side by side as they lie in the
@@ -20,6 +21,7 @@
 #include "base/assert.h"
 #include "base/status.h"
 #include "base/stream.h"
+#include "base/var.h"
 
 #include "src/spx.h"
 
@@ -53,6 +55,26 @@ zem_status zem_spx_iter_first(const zem_spx &spx, zem_xiter &it);  // of the fil
 // The first posting of the term whose doc id is not above `id`; with zem_id_first the term's first.
 zem_status zem_spx_iter_find_x(const zem_spx &spx, zem_xiter &it, const zem_term &term,
                                std::uint64_t id);
+
+// Moves `count` postings on inside the term. Blocks that hold nothing but what is passed over are
+// not read.
+zem_status zem_spx_iter_pass(const zem_spx &spx, zem_xiter &it, std::uint64_t count);
+
+// ---- iterd by terms: for listings, through the cache
+
+// On the first posting of the `index`-th term of the file, counting from 0, or on nothing when there are
+// fewer. zem_ok.
+zem_status zem_spx_iterd_find_x(const zem_spx &spx, zem_xiter &it, std::uint64_t index);
+
+// From the first posting of a term to that of the next. `count` becomes the number of postings passed;
+// the first of their ids, `most` at most, are appended to `ids` unless that is null. Once these are
+// complete, blocks that hold nothing else are counted by the index, unread. zem_yes: stands on the next
+// term; zem_ok: there is none.
+zem_status zem_spx_iterd_next_x(const zem_spx &spx, zem_xiter &it, std::uint64_t &count,
+                                zem_var *ids, std::size_t most);
+
+// How many terms of the file come before `term`. zem_ok, with `index` unchanged: all do.
+zem_status zem_spx_term_index(const zem_spx &spx, const zem_term &term, std::uint64_t &index);
 
 // ---- iterd: the whole file, past the cache. zem_ok, also at its end, where it stands on nothing
 

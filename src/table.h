@@ -223,3 +223,16 @@ struct zem_table_totals {
   std::uint64_t msize = 0;   // bytes of the shards' maps
 };
 zem_status zem_table_count(zem_table &table, zem_table_totals &totals);
+
+// A source of a shard's postings: the live log or the data file.
+enum class zem_table_source : std::uint8_t { log, dat };
+
+// The shard whose range holds the term and the term's number there, as zem_shard_log_find gives it; all
+// ones where the source has neither the term nor one behind it. The outputs are written unless the
+// table is closed.
+zem_status zem_table_find_term(zem_table &table, zem_table_source source, const zem_term &term,
+                               std::uint32_t &number, std::uint64_t &position);
+zem_status zem_table_keys(zem_table &table, zem_table_source source, std::uint32_t number,
+                          const zem_shard_page &page, zem_shard_terms &terms);
+zem_status zem_table_ids(zem_table &table, zem_table_source source, std::uint32_t number,
+                         const zem_term &term, const zem_shard_page &page, zem_var &ids);

@@ -128,12 +128,13 @@ zem_status zem_table_shards(zem_table &table, zem_keys &keys) {
   return zem_ok;
 }
 
-zem_status zem_table_key_count(zem_table &table, std::uint32_t number, std::uint64_t &log_count,
-                               std::uint64_t &dat_count) {
+namespace {
+
+// Works on the shard of this number, under its lock.
+template <class Operation>
+zem_status with_shard(zem_table &table, std::uint32_t number, Operation &&operation) {
   const reader_pass pass(table);
   if (pass.result() < 0) return pass.result();
-  log_count = 0;
-  dat_count = 0;
   const zem_shard *shard = nullptr;
   {
     zem_read_guard held(table.lock);
@@ -141,9 +142,59 @@ zem_status zem_table_key_count(zem_table &table, std::uint32_t number, std::uint
   }
   if (shard == nullptr) return zem_status{ZEM_SDB_E_SHARD};
   zem_read_guard held(shard->lock);
-  log_count = shard->log.sum_terms;
-  dat_count = shard->dat.key_num;
-  return zem_ok;
+  const zem_status st = operation(*shard);
+  zem_shard_trim(*shard);
+  return st;
+}
+
+}  // namespace
+
+zem_status zem_table_key_count(zem_table &table, std::uint32_t number, std::uint64_t &log_count,
+                               std::uint64_t &dat_count) {
+  if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
+  log_count = 0;
+  dat_count = 0;
+  return with_shard(table, number, [&](const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock) {
+    log_count = shard.log.sum_terms;
+    dat_count = shard.dat.key_num;
+    return zem_ok;
+  });
+}
+
+zem_status zem_table_find_term(zem_table &table, zem_table_source source, const zem_term &term,
+                               std::uint32_t &number, std::uint64_t &position) {
+  const reader_pass pass(table);
+  if (pass.result() < 0) return pass.result();
+  number = 0;
+  position = ~std::uint64_t{0};
+  const zem_shard *shard = nullptr;
+  {
+    zem_read_guard held(table.lock);
+    if (zem_arrx_count(table.shards) == 0) return zem_status{ZEM_SDB_E_SHARD};
+    shard = zem_arrx_get_at(table.shards, zem_table_find(table, term, zem_id_first));
+  }
+  zem_read_guard held(shard->lock);
+  number = shard->id;
+  const auto find = source == zem_table_source::log ? zem_shard_log_find : zem_shard_dat_find;
+  const zem_status st = find(*shard, term, position);
+  zem_shard_trim(*shard);
+  return st;
+}
+
+zem_status zem_table_keys(zem_table &table, zem_table_source source, std::uint32_t number,
+                          const zem_shard_page &page, zem_shard_terms &terms) {
+  return with_shard(table, number, [&](const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock) {
+    const auto list = source == zem_table_source::log ? zem_shard_log_keys : zem_shard_dat_keys;
+    return list(shard, page, terms);
+  });
+}
+
+zem_status zem_table_ids(zem_table &table, zem_table_source source, std::uint32_t number,
+                         const zem_term &term, const zem_shard_page &page, zem_var &ids) {
+  return with_shard(table, number, [&](const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock) {
+    const auto list = source == zem_table_source::log ? zem_shard_log_ids : zem_shard_dat_ids;
+    return list(shard, term, page, ids);
+  });
 }
 
 zem_status zem_table_count(zem_table &table, zem_table_totals &totals) {
