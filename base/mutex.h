@@ -5,7 +5,9 @@
 //
 //   rank      lock                   what it guards
 //   registry  zem_sdb::lock          table names; held across a table's whole open
-//   handles   zem_hmap::lock         one handle map; taken inside the registry's, never before it
+//   loads     zem_sdb::loads_mutex   the open bulk loads; a load's handle is issued under it
+//   handles   zem_hmap::lock         one handle map; taken inside the two above, never before them
+//   load      zem_exec::mutex        one bulk load: its calls come one after the other
 //   routing   zem_table::routing     order of routings, from the swap of a batch to its last run
 //   list      zem_table::list_mutex  from computing a new "sdb.lst" to the exchange in memory
 //   table     zem_table::lock        the pending batch and the shard list
@@ -47,7 +49,9 @@
 
 enum class zem_lock_rank : std::uint8_t {
   registry,
+  loads,
   handles,
+  load,
   routing,
   list,
   table,

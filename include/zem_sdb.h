@@ -295,6 +295,42 @@ int32_t zem_sdb_wait(zem_sdb *sdb, uint64_t table, uint32_t millis);
 const char *zem_sdb_error(int32_t code);
 const char *zem_sdb_version(void); /* "major.minor.patch" */
 
+/* ---- bulk loading --------------------------------------------------------------------------- */
+
+/* Fills a whole shard past the pending batch and hands it to the table when it is complete: the fastest
+ * way for postings that are prepared in key order. The first load of an empty table is lent the table's
+ * shard; any other gets a new shard, which nobody sees before the close.
+ *
+ * A load has two destinations. to_data nonzero: the shard's data file; batches follow one another in key
+ * order, and all of their postings are inserts. to_data 0: its log; inserts and deletes in any order, kept
+ * in memory as well until a merge. What goes to the log of a lent shard is seen at once.
+ *
+ * The range from the least to the greatest posting loaded has to be free of postings in other shards, and
+ * nothing is to be inserted there before the close: queries look for a posting in one shard only. A close
+ * that finds such an overlap says so in the error log.
+ *
+ * All return ZEM_SDB_E_HANDLE for a load that is unknown or has ended, ZEM_SDB_E_CLOSED while the table is
+ * cleared, or the failure of a file. A clear and the last close of the table cancel its loads. A load
+ * belongs to one thread at a time. */
+
+/* Begins a load; stores its handle and the number of its shard. Errors: ZEM_SDB_E_HANDLE for the table;
+ * ZEM_SDB_E_SHARD when the table did not open a listed shard. */
+int32_t zem_sdb_exec_open(zem_sdb *sdb, uint64_t table, uint64_t *load, uint32_t *shard);
+/* Adds a batch, which stays the host's. Data: -EINVAL, with nothing added, for a batch that begins before
+ * the end of the one before; the posting that that one ended with may come again. After another failure
+ * the same batch may be given again. Log: 1 when the last posting raised the load's greatest key, else 0;
+ * repeating a batch changes nothing. */
+int32_t zem_sdb_exec_load(zem_sdb *sdb, uint64_t load, zem_doc *batch, int to_data);
+/* Completes a destination durably. Loading may go on after it. */
+int32_t zem_sdb_exec_commit(zem_sdb *sdb, uint64_t load, int to_data);
+/* Commits what was not and hands the shard to the table, holding up updates for a moment; stores the
+ * shard's greatest key. Durable on return. After a failure (-EBUSY: updates in progress did not end within
+ * 300 s) nothing has changed and the load is still open. */
+int32_t zem_sdb_exec_close(zem_sdb *sdb, uint64_t load, uint64_t *id, uint32_t term[3]);
+/* Gives a load up and removes what was loaded. A lent shard's log into which others have written meanwhile
+ * keeps the loaded postings too. */
+int32_t zem_sdb_exec_cancel(zem_sdb *sdb, uint64_t load);
+
 /* ---- document batches ----------------------------------------------------------------------- */
 
 /* A batch is a set of changes of postings, in key order, each posting at most once: the first

@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include "base/clock.h"
 #include "base/err.h"
 #include "base/scope.h"
 
@@ -17,7 +16,6 @@
 
 namespace {
 
-constexpr std::uint64_t drain_us = 300ULL * 1000 * 1000;
 constexpr std::uint64_t poll_us = 1000ULL * 1000;  // of the host's consent
 constexpr int most_polls = 300;
 
@@ -52,15 +50,6 @@ const char *name_of(const zem_split &split) noexcept { return split.table.name.c
 
 // ---- destinations
 
-std::unique_ptr<zem_shard> zem_pipe_open_x(zem_table &table) {
-  std::uint32_t number = 0;
-  {
-    zem_write_guard held(table.lock);
-    number = ++table.shard_seq;
-  }
-  return zem_table_shard(table, number);
-}
-
 bool has_peer_slots(const zem_split &split) noexcept {
   const auto &slots = split.host.slots;
   return std::all_of(slots.begin() + ZEM_SDB_PEER_CANCEL, slots.end(),
@@ -81,7 +70,7 @@ void send_to_peer(zem_split &split) {
 
 // Chooses where the upper half goes.
 zem_status zem_pipe_open(zem_split &split) {
-  split.low = zem_pipe_open_x(split.table);
+  split.low = zem_table_next_shard(split.table);
   if (split.table.callbacks != nullptr) {
     std::copy(split.table.callbacks->begin(), split.table.callbacks->end(),
               split.host.slots.begin());
@@ -89,7 +78,7 @@ zem_status zem_pipe_open(zem_split &split) {
   if (const auto open = slot<zem_sdb_split_open>(split, ZEM_SDB_SPLIT_OPEN))
     open(name_of(split), split.id, &split.host.peer, &split.host.target);
   if (split.host.peer == 0) {
-    split.pipe.shard = zem_pipe_open_x(split.table);
+    split.pipe.shard = zem_table_next_shard(split.table);
     return zem_ok;
   }
   if (!has_peer_slots(split)) return zem_status{-EINVAL};
@@ -115,15 +104,11 @@ void zem_pipe_cancel(const zem_split &split) {
 // Closes the gate further and waits for those whom it had let in before.
 zem_status zem_task_sleep(zem_split &split, zem_shard_state state) {
   zem_table &table = split.table;
-  const std::uint64_t deadline_us = zem_timer_stamp() + drain_us;
   zem_lock_guard held(table.wait_mutex);
   split.shard.state = state;
-  const bool all = state == zem_shard_state::holding_readers;
-  while (table.writers > 0 || (all && table.readers > 0)) {
-    if (table.closing || !table.open) return zem_status{ZEM_SDB_E_CLOSED};
-    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return zem_status{-EBUSY};
-  }
-  return zem_ok;
+  return zem_table_wait_empty(table, state == zem_shard_state::holding_readers
+                                         ? zem_table_role::reader
+                                         : zem_table_role::writer);
 }
 
 // Waits for the host's consent. One that never answers is not waited for beyond 300 polls.
@@ -182,11 +167,9 @@ std::vector<std::uint32_t> new_numbers(const zem_split &split)
     ZEM_REQUIRES(split.table.list_mutex) {
   zem_table &table = split.table;
   zem_write_guard held(table.lock);
-  zem_arrx_expand(table.shards, zem_arrx_count(table.shards) + 1);
-  table.shard_ids.reserve(table.shard_ids.size() + 1);
-  std::vector<std::uint32_t> numbers;
-  for (const zem_shard *shard : table.shard_ids)
-    numbers.push_back(shard == &split.shard ? split.low->id : shard->id);
+  zem_table_make_room(table);
+  std::vector<std::uint32_t> numbers = zem_table_numbers(table);
+  std::replace(numbers.begin(), numbers.end(), split.shard.id, split.low->id);
   if (split.pipe.shard != nullptr) numbers.push_back(split.pipe.shard->id);
   std::sort(numbers.begin(), numbers.end());
   return numbers;
@@ -198,13 +181,9 @@ void exchange(zem_split &split) {
   zem_write_guard table_held(table.lock);
   zem_write_guard held(split.shard.lock);
   zem_shard_split_end(split.shard, *split.low);
-  if (zem_shard *upper = split.pipe.shard.release()) {
-    zem_arrx_insert(table.shards, upper,
-                    [&](const zem_shard &other) { return zem_table_compare_x(other, *upper); });
-    table.shard_ids.push_back(upper);
-  }
   std::sort(table.shard_ids.begin(), table.shard_ids.end(),
             [](const zem_shard *a, const zem_shard *b) { return a->id < b->id; });
+  if (split.pipe.shard != nullptr) zem_table_append(table, std::move(split.pipe.shard));
 }
 
 zem_status zem_pipe_close(zem_split &split) {

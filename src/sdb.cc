@@ -127,6 +127,7 @@ zem_status close_table(zem_sdb &sdb, std::uint64_t handle) {
   if (ref->refs > 0) return zem_ok;
   const std::unique_ptr<zem_table> table(record);
   zem_table_close_begin(*table);
+  zem_sdb_withdraw_loads(sdb, *table);
   zem_hmap_unpinned(sdb.tables, *ref);
   ref->obj = nullptr;
   const zem_status st = zem_boundary([&] { return zem_table_close(*table); });

@@ -8,12 +8,15 @@
 
 #include <array>
 #include <atomic>
+#include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "base/mutex.h"
 
 #include "src/data_handles.h"
+#include "src/exec_load.h"
 #include "src/table.h"
 
 struct zem_sdb {
@@ -29,6 +32,15 @@ struct zem_sdb {
   zem_hmap<zem_table> tables;
   zem_sdb_slots callbacks{};
 
+  zem_hmap<zem_exec> execs;
+  zem_mutex loads_mutex{zem_lock_rank::loads};
+  zem_cond loads_changed;  // a load was struck off
+  std::vector<std::unique_ptr<zem_exec>> loads ZEM_GUARDED_BY(loads_mutex);
+
   zem_rwlock lock{zem_lock_rank::registry};
   std::unordered_map<std::string, zem_ref<zem_table>> names ZEM_GUARDED_BY(lock);
 };
+
+// Takes the bulk loads of a table out of the host's hands and gives them up. No more can begin: the table
+// is closing, or is not open. On return no call on one of them is in progress.
+void zem_sdb_withdraw_loads(zem_sdb &sdb, const zem_table &table);

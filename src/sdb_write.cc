@@ -62,7 +62,9 @@ int32_t zem_sdb_merge(zem_sdb *sdb, uint64_t table) {
 }
 
 int32_t zem_sdb_table_clear(zem_sdb *sdb, uint64_t table) {
-  return zem_sdb_call(sdb, table, "clear error: %d", zem_table_clear);
+  return zem_sdb_call(sdb, table, "clear error: %d", [&](zem_table &opened) {
+    return zem_table_clear(opened, [&] { zem_sdb_withdraw_loads(*sdb, opened); });
+  });
 }
 
 int32_t zem_sdb_sync(zem_sdb *sdb, uint64_t table) {

@@ -163,6 +163,7 @@ zem_status park(zem_shard &shard, std::span<const zem_doc_val *const> changes, s
 zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
                             std::span<const zem_doc_val *const> changes, std::size_t &applied) {
   applied = 0;
+  if (shard.loan == zem_shard_loan::lent) shard.loan = zem_shard_loan::shared;
   if (shard.parked) return park(shard, changes, applied);
   if (zem_status st = update_refused(shard); st < 0) return st;
   if (zem_status st = zem_shard_unpark(shard); st < 0) {
@@ -182,9 +183,7 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
   }
   shard.stamp = zem_time();
   save_from_memory(shard);  // a sync may have failed in the middle of a block's write
-  const bool waits = shard.pause.failure < 0 || shard.refused < 0;
-  const zem_shard_due due = zem_shard_due_by(*shard.cfg, log_bytes(shard), dat_bytes(shard));
-  if (!waits && due != zem_shard_due::nothing) zem_shard_request(shard);
+  zem_shard_request_due(shard);
   return grew ? zem_yes : zem_ok;
 }
 
@@ -213,7 +212,9 @@ zem_status zem_shard_commit(zem_shard &shard) {
 
 namespace {
 
-void queue(zem_shard &shard, zem_task_kind kind) {
+// A shard is lent under its write lock and while it is idle: no task finds it lent.
+void queue(zem_shard &shard, zem_task_kind kind) ZEM_REQUIRES_SHARED(shard.lock) {
+  if (shard.loan != zem_shard_loan::none) return;
   zem_shard_state idle = zem_shard_state::idle;
   if (!shard.state.compare_exchange_strong(idle, zem_shard_state::queued)) return;
   zem_on_exit unqueue([&] { shard.state = zem_shard_state::idle; });
@@ -234,6 +235,12 @@ void zem_shard_request(zem_shard &shard) {
 }
 
 void zem_shard_request_merge(zem_shard &shard) { queue(shard, zem_task_kind::merge); }
+
+void zem_shard_request_due(zem_shard &shard) {
+  const bool waits = shard.pause.failure < 0 || shard.refused < 0;
+  const zem_shard_due due = zem_shard_due_by(*shard.cfg, log_bytes(shard), dat_bytes(shard));
+  if (!waits && due != zem_shard_due::nothing) zem_shard_request(shard);
+}
 
 bool zem_shard_retry_due(const zem_shard &shard, std::uint64_t now_us) {
   return shard.pause.failure < 0 && shard.refused >= 0 && now_us >= shard.pause.until_us;
@@ -291,4 +298,32 @@ void zem_shard_merge_settle(zem_shard &shard, zem_status result) {
   shard.pause.failure = result;
   shard.pause.length_ms = std::max(doubled, first_pause_ms);
   shard.pause.until_us = zem_timer_stamp() + std::uint64_t{shard.pause.length_ms} * 1000;
+}
+
+bool zem_shard_lend(zem_shard &shard) {
+  const bool sound = shard.refused >= 0 && shard.pause.failure >= 0;
+  const bool idle = shard.state == zem_shard_state::idle && shard.loan == zem_shard_loan::none;
+  const bool empty = shard.log.tree.count == 0 && !zem_shard_frozen(shard) &&
+                     shard.doc.tree.count == 0 && shard.dat.doc_num == 0;
+  if (!sound || !idle || !empty) return false;
+  shard.loan = zem_shard_loan::lent;
+  return true;
+}
+
+zem_status zem_shard_drop_log(zem_shard &shard) {
+  zem_spm fresh;
+  // Made under a name that every open and merge takes for a leftover, and moved by one rename, so that
+  // the shard has a log at any time.
+  fresh.file.name = shard.mdat.file.name;
+  zem_on_exit remove([&] { std::ignore = zem_file_remove_if_exists(fresh.file.name); });
+  if (zem_status st = zem_spm_open(fresh, zem_file_mode::fresh); st < 0) return st;
+  if (zem_status st = zem_file_rename(fresh.file.name, shard.log.file.name); st < 0) return st;
+  remove.release();
+  zem_spm_swap(shard.log, fresh);
+  shard.stamp = 0;
+  if (zem_status st = zem_dir_sync(shard.directory); st < 0) {
+    zem_err_log(shard.err_log, 0, "%s: what was dropped may come back after a power cut: %d",
+                shard.log.file.name.c_str(), st);
+  }
+  return zem_ok;
 }

@@ -43,6 +43,13 @@ enum class zem_shard_state : std::int16_t {
   holding_readers,  // and new queries too
 };
 
+// Whether a bulk load fills the shard, which keeps merges and splits from it.
+enum class zem_shard_loan : std::uint8_t {
+  none,
+  lent,
+  shared,  // lent, and updates of others have reached it
+};
+
 // The pause after a merge that failed.
 struct zem_shard_pause {
   zem_status failure = zem_ok;  // of the last merge or split; zem_ok: none is waited for
@@ -81,6 +88,7 @@ struct zem_shard {
   // Updates that no log has yet: parked, or left by a cancelled split whose log did not take them.
   zem_doc doc ZEM_GUARDED_BY(lock);
   zem_status refused ZEM_GUARDED_BY(lock) = zem_ok;  // why no merge may run until the next open
+  zem_shard_loan loan ZEM_GUARDED_BY(lock) = zem_shard_loan::none;
   zem_shard_pause pause ZEM_GUARDED_BY(lock);
 };
 
@@ -122,10 +130,12 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
 // zem_yes: nothing was done, as the shard is parked; the end of the split sees to the commit.
 zem_status zem_shard_commit(zem_shard &shard) ZEM_EXCLUDES(shard.lock);
 
-// Queues a merge, or a split where the data file has grown to `split_num` MiB, if the shard is idle.
-// After a failure, and for a log that lost its disk, it is always a merge.
+// Queues a merge, or a split where the data file has grown to `split_num` MiB, if the shard is idle and
+// not lent. After a failure, and for a log that lost its disk, it is always a merge.
 void zem_shard_request(zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
 void zem_shard_request_merge(zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
+// Does so when the live log has grown to `merge_num` MiB and no merge waits after a failure.
+void zem_shard_request_due(zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
 
 // Whether a merge that waits after a failure is due.
 bool zem_shard_retry_due(const zem_shard &shard, std::uint64_t now_us)
@@ -215,6 +225,18 @@ zem_status zem_shard_dat_ids(const zem_shard &shard, const zem_term &term,
                              const zem_shard_page &page, zem_var &ids)
     ZEM_REQUIRES_SHARED(shard.lock);
 
+// ---- bulk loads
+
+// Lends the shard to a bulk load if it holds nothing and no work is queued or running on it. False, with
+// nothing changed, when it cannot be lent.
+bool zem_shard_lend(zem_shard &shard) ZEM_REQUIRES(shard.lock);
+
+// Creates the data file that is to replace the present one, empty.
+zem_status zem_shard_create_dat(zem_shard &shard) ZEM_REQUIRES(shard.lock);
+
+// Puts an empty log in the place of the live one. A failure leaves the log as it was.
+zem_status zem_shard_drop_log(zem_shard &shard) ZEM_REQUIRES(shard.lock);
+
 // ---- merge, run by the task that claimed the shard
 
 // What an ended merge leaves to be let go without the lock: large maps, descriptors and files.
@@ -223,6 +245,11 @@ struct zem_shard_remains {
   zem_spx dat;                  // the data file that was replaced
   zem_status renamed = zem_ok;  // of the directory's sync: on failure the old files stay
 };
+
+// Removes what the last merge could not remove, or a crash left. A frozen log in use is no
+// leftover, and an old data file stays while nothing stands in its place. The renames that made them leftovers are
+// durable before they go.
+zem_status zem_shard_tidy(const zem_shard &shard) ZEM_REQUIRES(shard.lock);
 
 // Freezes the live log, unless an earlier attempt's frozen log is still there, and creates the new
 // data file. A failure leaves the shard as it was, or `refused`.

@@ -15,11 +15,6 @@
 // Where a log that holds damage is copied before anything of it may be overwritten.
 inline constexpr const char *zem_shard_bad = ".bad";
 
-// What the last merge could not remove, or a crash left. A frozen log in use is no leftover, and an
-// old data file stays while nothing stands in its place. The renames that made them leftovers are
-// durable before they go.
-zem_status zem_shard_tidy(const zem_shard &shard) ZEM_REQUIRES(shard.lock);
-
 // Sets the live log aside as the frozen one and starts a new live log, unless an earlier attempt's
 // frozen log is still there. `create_rest` creates the other files that the work needs, so that one
 // sync makes them durable. The maps change hands last.

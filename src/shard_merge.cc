@@ -23,12 +23,12 @@
 #include "src/shard_impl.h"
 #include "src/shard_walk.h"
 
-namespace {
-
-zem_status create_new_dat(zem_shard &shard) ZEM_REQUIRES(shard.lock) {
+zem_status zem_shard_create_dat(zem_shard &shard) {
   zem_spx_shrink(shard.mdat);
   return zem_spx_open(shard.mdat, zem_file_mode::fresh);
 }
+
+namespace {
 
 void discard_new_dat(zem_shard &shard) ZEM_REQUIRES(shard.lock) {
   // A file that stays behind is a leftover without meaning: recovery removes or ignores it, and the
@@ -45,7 +45,7 @@ zem_status zem_shard_merge_begin(zem_shard &shard) {
   if (zem_status st = zem_shard_tidy(shard); st < 0) return st;
   zem_on_exit discard([&]() ZEM_UNCHECKED_LOCKS { discard_new_dat(shard); });
   const zem_status st =
-      zem_shard_freeze(shard, [&]() ZEM_UNCHECKED_LOCKS { return create_new_dat(shard); });
+      zem_shard_freeze(shard, [&]() ZEM_UNCHECKED_LOCKS { return zem_shard_create_dat(shard); });
   if (st >= 0) discard.release();
   return st;
 }

@@ -36,7 +36,9 @@ namespace {
 
 // The caller holds `wait_mutex`, under which a split raises a shard's state too, so nobody slips in
 // between the look and the count.
-bool barred(const zem_table &table, zem_table_role role) ZEM_REQUIRES_SHARED(table.lock) {
+bool barred(const zem_table &table, zem_table_role role) ZEM_REQUIRES(table.wait_mutex)
+    ZEM_REQUIRES_SHARED(table.lock) {
+  if (role == zem_table_role::writer && table.bars > 0) return true;
   const zem_shard_state highest = role == zem_table_role::writer ? zem_shard_state::splitting
                                                                  : zem_shard_state::holding_writers;
   for (std::size_t i = 0; i < zem_arrx_count(table.shards); ++i) {
@@ -70,6 +72,16 @@ zem_status zem_table_wait_lock(zem_table &table, zem_table_role role) {
     if (table.closing) return zem_status{-EBUSY};
     if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return zem_status{-EBUSY};
   }
+}
+
+zem_status zem_table_wait_empty(zem_table &table, zem_table_role role) {
+  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
+  const bool all = role == zem_table_role::reader;
+  while (table.writers > 0 || (all && table.readers > 0)) {
+    if (table.closing || !table.open) return zem_status{ZEM_SDB_E_CLOSED};
+    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return zem_status{-EBUSY};
+  }
+  return zem_ok;
 }
 
 void zem_table_wait_clear(zem_table &table, zem_table_role role) {

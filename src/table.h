@@ -16,6 +16,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -83,12 +84,14 @@ struct zem_table {
   zem_arrx<zem_shard> shards ZEM_GUARDED_BY(lock);          // by high key; owned
   std::vector<zem_shard *> shard_ids ZEM_GUARDED_BY(lock);  // the same by number
   std::uint32_t shard_seq ZEM_GUARDED_BY(lock) = 0;         // highest number issued
+  bool lent ZEM_GUARDED_BY(lock) = false;  // a bulk load was given the table's first shard, once
 
   zem_mutex wait_mutex{zem_lock_rank::gate};
   zem_cond gate;  // a count fell, a shard's state fell, or `open` or `closing` changed
   std::uint32_t writers ZEM_GUARDED_BY(wait_mutex) = 0;  // from the gate to their last shard
   std::uint32_t readers ZEM_GUARDED_BY(wait_mutex) = 0;
   std::uint32_t holders ZEM_GUARDED_BY(wait_mutex) = 0;  // whoever keeps a shard pointer
+  std::uint32_t bars ZEM_GUARDED_BY(wait_mutex) = 0;     // bulk loads that keep writers out
   bool clearing ZEM_GUARDED_BY(wait_mutex) = false;
 
   zem_task task;
@@ -110,7 +113,9 @@ void zem_table_close_begin(zem_table &table);
 // any more. Goes on past failures and returns the first.
 zem_status zem_table_close(zem_table &table);
 
-zem_status zem_table_clear(zem_table &table);
+// Removes every shard and starts shard 1 anew. `withdraw` cancels the table's bulk loads, when no more
+// can begin and before the shards go.
+zem_status zem_table_clear(zem_table &table, const std::function<void()> &withdraw = [] {});
 
 // The timer's work: routes a batch and commits logs that were quiet for `flush_time`, and asks again
 // for merges that failed.
@@ -123,6 +128,11 @@ void zem_table_timer(zem_table &table);
 // Errors: ZEM_SDB_E_CLOSED; -EBUSY when barred for 300 s, or barred while the table closes.
 zem_status zem_table_wait_lock(zem_table &table, zem_table_role role) ZEM_EXCLUDES(table.lock);
 void zem_table_wait_clear(zem_table &table, zem_table_role role);
+
+// Waits until the writers, and for the role of readers these as well, have left; the caller keeps new
+// ones out. Errors: -EBUSY after 300 s; ZEM_SDB_E_CLOSED when the table is cleared or closed meanwhile.
+zem_status zem_table_wait_empty(zem_table &table, zem_table_role role)
+    ZEM_REQUIRES(table.wait_mutex);
 
 // Counts a holder that is neither writer nor reader. ZEM_SDB_E_CLOSED while the table is not open.
 zem_status zem_table_hold(zem_table &table);
@@ -150,9 +160,30 @@ zem_status zem_table_write_empty(zem_table &table, std::vector<std::uint32_t> &n
 // of the table fails.
 zem_status zem_table_restore(zem_table &table) ZEM_REQUIRES(table.list_mutex);
 
+// Remembers that the list's directory may not be durable: it is owed as it stands.
+void zem_table_owe(zem_table &table) ZEM_REQUIRES(table.list_mutex);
+
 // ---- shards
 
 std::unique_ptr<zem_shard> zem_table_shard(zem_table &table, std::uint32_t number);
+// The same with the next number, which is not used again.
+std::unique_ptr<zem_shard> zem_table_next_shard(zem_table &table);
+
+// Lends the table's only shard to a bulk load if it is empty and none was lent before; null: none is to
+// be had.
+zem_shard *zem_table_lend(zem_table &table);
+
+// The numbers of the shards, rising.
+std::vector<std::uint32_t> zem_table_numbers(const zem_table &table)
+    ZEM_REQUIRES_SHARED(table.lock);
+
+// Makes room for one more shard, so that filing it cannot fail.
+void zem_table_make_room(zem_table &table) ZEM_REQUIRES(table.lock);
+// Files a shard in both indexes of the table, which owns it from here on.
+void zem_table_append(zem_table &table, std::unique_ptr<zem_shard> shard) ZEM_REQUIRES(table.lock);
+// Files a shard anew whose high key is to be raised to `key`.
+void zem_table_raise(zem_table &table, zem_shard &shard, const zem_mkey &key)
+    ZEM_REQUIRES(table.lock, shard.lock);
 
 // The order of `shards`: by high key, then by number. Negative, zero or positive.
 int zem_table_compare_x(const zem_shard &a, const zem_shard &b) noexcept;

@@ -99,6 +99,15 @@ zem_status set_all_aside(const zem_table &table) {
   return zem_dir_sync(table.path);
 }
 
+std::string list_text(const std::vector<std::uint32_t> &numbers) {
+  std::string text;
+  for (const std::uint32_t number : numbers) {
+    if (!text.empty()) text += list_separator;
+    text += std::to_string(number);
+  }
+  return text;
+}
+
 zem_status copy_aside(const zem_table &table, const std::string &list) {
   std::string aside;
   if (zem_status st = zem_file_free_name(list + aside_suffix, aside); st < 0) return st;
@@ -132,11 +141,7 @@ zem_status zem_table_write(zem_table &table, const std::vector<std::uint32_t> &n
     if (zem_status st = copy_aside(table, list); st < 0) return st;
     table.list_odd = false;
   }
-  std::string text;
-  for (const std::uint32_t number : numbers) {
-    if (!text.empty()) text += list_separator;
-    text += std::to_string(number);
-  }
+  std::string text = list_text(numbers);
   if (zem_status st = zem_file_set_string(list, text); st < 0) return st;
   table.list_owed.reset();
   if (zem_status st = zem_dir_sync(table.path); st < 0) {
@@ -145,6 +150,11 @@ zem_status zem_table_write(zem_table &table, const std::vector<std::uint32_t> &n
     table.list_owed = std::move(text);
   }
   return zem_ok;
+}
+
+void zem_table_owe(zem_table &table) {
+  zem_read_guard held(table.lock);
+  table.list_owed = list_text(zem_table_numbers(table));
 }
 
 zem_status zem_table_restore(zem_table &table) {

@@ -13,19 +13,6 @@
 #include "src/shard_files.h"
 #include "src/table_impl.h"
 
-std::unique_ptr<zem_shard> zem_table_shard(zem_table &table, std::uint32_t number) {
-  auto shard = std::make_unique<zem_shard>();
-  shard->id = number;
-  shard->directory = table.path;
-  shard->cfg = &table.cfg;
-  shard->task = &table.task;
-  shard->err_log = table.err_log;
-  zem_write_guard held(shard->lock);
-  shard->dat.cache.limit = table.cfg.cache_key;
-  shard->mdat.cache.limit = table.cfg.cache_key;
-  return shard;
-}
-
 namespace {
 
 using shard_list = std::vector<std::unique_ptr<zem_shard>>;
@@ -108,17 +95,6 @@ zem_status load_shards(const zem_table &table, const shard_list &shards) {
   return load.first;
 }
 
-// Files a shard in both indexes of the table, which owns it from here on.
-void register_shard(zem_table &table, std::unique_ptr<zem_shard> shard) ZEM_REQUIRES(table.lock) {
-  table.shard_ids.reserve(table.shard_ids.size() + 1);
-  zem_arrx_insert(table.shards, shard.get(),
-                  [&](const zem_shard &other) { return zem_table_compare_x(other, *shard); });
-  const auto place = std::upper_bound(
-      table.shard_ids.begin(), table.shard_ids.end(), shard->id,
-      [](std::uint32_t number, const zem_shard *other) { return number < other->id; });
-  table.shard_ids.insert(place, shard.release());
-}
-
 zem_status zem_table_load(zem_table &table, const std::vector<std::uint32_t> &numbers) {
   shard_list shards;
   if (zem_status st = open_shards(table, numbers, shards); st < 0) return st;
@@ -126,7 +102,7 @@ zem_status zem_table_load(zem_table &table, const std::vector<std::uint32_t> &nu
   zem_write_guard held(table.lock);
   for (auto &shard : shards) {
     table.shard_seq = std::max(table.shard_seq, shard->id);
-    register_shard(table, std::move(shard));
+    zem_table_append(table, std::move(shard));
   }
   return zem_ok;
 }
@@ -144,7 +120,7 @@ zem_status zem_table_open_x(zem_table &table, std::uint32_t number) ZEM_REQUIRES
   if (st < 0) return st;
   zem_write_guard held(table.lock);
   table.shard_seq = number;
-  register_shard(table, std::move(shard));
+  zem_table_append(table, std::move(shard));
   return zem_ok;
 }
 
@@ -264,9 +240,10 @@ zem_status clear_shards(zem_table &table) {
 
 }  // namespace
 
-zem_status zem_table_clear(zem_table &table) {
+zem_status zem_table_clear(zem_table &table, const std::function<void()> &withdraw) {
   if (!begin_clear(table)) return zem_status{ZEM_SDB_E_CLOSED};
   zem_on_exit end([&] { end_clear(table); });
+  withdraw();
   drain(table);
   return clear_shards(table);
 }
