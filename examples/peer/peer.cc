@@ -49,22 +49,32 @@ void split_open(const char *, std::uint32_t, std::uint64_t *peer, std::uint64_t 
 }
 
 std::int32_t peer_load(std::uint64_t, std::uint64_t, std::uint64_t *load, std::uint32_t *shard) {
-  *load = 1;
-  *shard = 1;
-  return ask(op::load);
+  std::string none;
+  const message reply = ask({.what = op::load}, none);
+  *load = 1;  // the store has one at a time
+  *shard = reply.shard;
+  return reply.status;
 }
 
-std::int32_t peer_batch(std::uint64_t, std::uint64_t, zem_doc *batch, int) {
+// Sends a batch in its stream form.
+std::int32_t send(message head, const zem_doc *batch) {
   const owner<zem_var> out(zem_var_new(0, 0));
   zem_sdb_doc_dumps(batch, out.get());
   const char *bytes = nullptr;
   std::int64_t length = 0;
   if (zem_var_get_string(out.get(), -1, &bytes, &length) == 0) return -1;
   std::string text(bytes, static_cast<std::size_t>(length));
-  return ask({.what = op::batch}, text).status;
+  return ask(head, text).status;
 }
 
-std::int32_t peer_commit(std::uint64_t, std::uint64_t, int) { return ask(op::commit); }
+std::int32_t peer_batch(std::uint64_t, std::uint64_t, zem_doc *batch, int destination) {
+  return send({.what = op::batch, .to = destination}, batch);
+}
+
+std::int32_t peer_commit(std::uint64_t, std::uint64_t, int destination) {
+  std::string none;
+  return ask({.what = op::commit, .to = destination}, none).status;
+}
 
 std::int32_t peer_close(std::uint64_t, std::uint64_t, std::uint64_t *id, std::uint32_t term[3]) {
   std::string none;
@@ -116,7 +126,7 @@ bool lies_there(std::uint32_t word, std::uint64_t id) {
 
 // Documents for the store, gathered and sent as the stream form of a batch.
 std::int32_t send_batch(zem_doc *batch) {
-  const std::int32_t st = peer_batch(1, 1, batch, 0);
+  const std::int32_t st = send({.what = op::update}, batch);
   zem_sdb_doc_clear(batch);
   return st;
 }
@@ -133,7 +143,7 @@ std::int32_t insert_all(zem_sdb *sdb, std::uint64_t table) {
     }
   }
   if (st >= 0) st = send_batch(there.get());
-  if (st >= 0) st = ask(op::commit);
+  if (st >= 0) st = ask(op::sync);
   return st < 0 ? st : zem_sdb_sync(sdb, table);
 }
 

@@ -1,7 +1,6 @@
-// The second store: takes the upper half of a table and answers for it.
+// The second store: takes the upper half of a table as a bulk load and answers for it.
 #include "examples/peer/store.h"
 
-#include <cstring>
 #include <sys/stat.h>
 
 #include "examples/peer/lists.h"
@@ -21,18 +20,28 @@ class store {
   message answer(const message &asked, std::string &text) {
     message reply{.what = asked.what};
     switch (asked.what) {
-      case op::load:  // what an earlier attempt left goes
-      case op::cancel:
-        reply.status = zem_sdb_table_clear(sdb_.get(), table_);
+      case op::load:
+        reply.status = zem_sdb_exec_open(sdb_.get(), table_, &load_, &reply.shard);
         break;
       case op::batch:
-        reply.status = take(text);
+        reply.status = zem_sdb_exec_load(sdb_.get(), load_, received(text).get(), asked.to);
         break;
       case op::commit:
-        reply.status = zem_sdb_sync(sdb_.get(), table_);
+        reply.status = zem_sdb_exec_commit(sdb_.get(), load_, asked.to);
         break;
       case op::close:
-        greatest(reply);
+        reply.status = zem_sdb_exec_close(sdb_.get(), load_, &reply.id, reply.term);
+        break;
+      case op::cancel:
+        reply.status = zem_sdb_exec_cancel(sdb_.get(), load_);
+        // Closed already: the half is all that this table holds.
+        if (reply.status < 0) reply.status = zem_sdb_table_clear(sdb_.get(), table_);
+        break;
+      case op::update:
+        reply.status = zem_sdb_update(sdb_.get(), table_, received(text).get(), nullptr);
+        break;
+      case op::sync:
+        reply.status = zem_sdb_sync(sdb_.get(), table_);
         break;
       case op::query:
         reply.status = ids_of(asked.term[0], text);
@@ -47,26 +56,12 @@ class store {
 
  private:
   // A batch travels in its stream form.
-  std::int32_t take(const std::string &text) {
+  static owner<zem_doc> received(const std::string &text) {
     const owner<zem_var> in(zem_var_new(0, 0));
     zem_var_set_string(in.get(), -1, text.data(), static_cast<std::int64_t>(text.size()));
-    const owner<zem_doc> batch(zem_sdb_doc_new());
+    owner<zem_doc> batch(zem_sdb_doc_new());
     zem_sdb_doc_loads(batch.get(), in.get());
-    return zem_sdb_update(sdb_.get(), table_, batch.get(), nullptr);
-  }
-  // The key of the last shard.
-  void greatest(message &reply) {
-    const owner<zem_keys> keys(zem_sdb_keys_new());
-    reply.status = zem_sdb_shards(sdb_.get(), table_, keys.get());
-    for (std::int64_t i = 0; i < zem_sdb_keys_size(keys.get()); ++i) {
-      std::uint64_t id = 0;
-      std::uint32_t term[3] = {0, 0, 0};
-      std::uint32_t number = 0;
-      zem_sdb_keys_fetch(keys.get(), i, &id, term, &number);
-      if (term[0] < reply.term[0]) continue;
-      reply.id = id;
-      std::memcpy(reply.term, term, sizeof term);
-    }
+    return batch;
   }
   std::int32_t ids_of(std::uint32_t word, std::string &text) {
     std::set<std::uint64_t> found;
@@ -79,6 +74,7 @@ class store {
 
   owner<zem_sdb> sdb_;
   std::uint64_t table_ = 0;
+  std::uint64_t load_ = 0;  // the half that is on its way here
 };
 
 }  // namespace

@@ -8,13 +8,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-enum class op : std::uint32_t { load, batch, commit, close, cancel, query, count };
+enum class op : std::uint32_t { load, batch, commit, close, cancel, update, sync, query, count };
 
 struct message {
   op what{};
   std::int32_t status = 0;  // of an answer
+  std::int32_t to = 0;      // the destination of a batch or commit
   std::uint64_t id = 0;     // a doc id, or a number
   std::uint32_t term[3] = {0, 0, 0};
+  std::uint32_t shard = 0;
   std::uint32_t bytes = 0;  // of the text that follows
 };
 
