@@ -1,6 +1,7 @@
 #include "base/var.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -29,8 +30,8 @@ std::size_t position_of(const zem_var *list, std::int64_t index) noexcept {
 }
 
 // Room for `count` items, growing as push_back does.
-template <class Item>
-void make_room(std::vector<Item> &items, std::size_t count) {
+template <class Items>
+void make_room(Items &items, std::size_t count) {
   if (items.capacity() < count) items.reserve(std::max(count, 2 * items.capacity()));
 }
 
@@ -196,8 +197,8 @@ void zem_var_reserve(zem_var &list, std::size_t more) {
 
 namespace {
 
-// Adds `more` zeros, tagged; the caller fills them in.
-std::uint64_t *append_zeros(zem_var &list, std::size_t more, std::uint32_t tag) {
+// Adds `more` items, tagged; the caller writes them.
+std::uint64_t *append_raw(zem_var &list, std::size_t more, std::uint32_t tag) {
   zem_var_reserve(list, more);
   const std::size_t old_count = list.values.size();
   list.values.resize(old_count + more);
@@ -209,12 +210,17 @@ std::uint64_t *append_zeros(zem_var &list, std::size_t more, std::uint32_t tag) 
 }  // namespace
 
 void zem_var_append_longs(zem_var &list, std::span<const std::uint64_t> values, std::uint32_t tag) {
-  std::copy(values.begin(), values.end(), append_zeros(list, values.size(), tag));
+  std::copy(values.begin(), values.end(), append_raw(list, values.size(), tag));
 }
 
 void zem_var_append_lwords(zem_var &list, std::span<const std::byte> bytes, std::uint32_t tag) {
   const std::size_t count = bytes.size() / sizeof(std::uint64_t);
-  std::uint64_t *to = append_zeros(list, count, tag);
-  for (std::size_t i = 0; i < count; ++i)
-    to[i] = zem_stream_get_lword(bytes.data() + i * sizeof(std::uint64_t));
+  if (count == 0) return;
+  std::uint64_t *to = append_raw(list, count, tag);
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(to, bytes.data(), count * sizeof(std::uint64_t));
+  } else {
+    for (std::size_t i = 0; i < count; ++i)
+      to[i] = zem_stream_get_lword(bytes.data() + i * sizeof(std::uint64_t));
+  }
 }

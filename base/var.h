@@ -18,15 +18,35 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "include/zem_sdb.h"
 
+// Allocates numbers that a resize leaves as they are: whoever grows a list writes them next.
+template <class Number>
+struct zem_raw_allocator : std::allocator<Number> {
+  template <class Other>
+  struct rebind {
+    using other = zem_raw_allocator<Other>;
+  };
+  template <class At>
+  void construct(At *at) noexcept {
+    ::new (static_cast<void *>(at)) At;
+  }
+  template <class At, class... Arguments>
+  void construct(At *at, Arguments &&...arguments) {
+    ::new (static_cast<void *>(at)) At(std::forward<Arguments>(arguments)...);
+  }
+};
+
 struct zem_var {
-  std::vector<std::uint64_t> values;              // one an item; 0 for a text
+  std::vector<std::uint64_t, zem_raw_allocator<std::uint64_t>> values;  // 0 for a text
   std::vector<std::uint32_t> tags;                // one an item in a tagged list, else empty
   std::vector<std::optional<std::string>> texts;  // one an item once any was a text, else empty
   std::optional<std::string> text;                // the list's own string value, once set

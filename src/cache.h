@@ -1,8 +1,8 @@
 // The block cache: data blocks of one file, ready to be walked, least recently used first out.
 //
 // A cached block never changes, so readers share it instead of copying it: an eviction drops the
-// cache's reference and leaves alone whoever still walks the block. Writing never evicts. The
-// owner trims after a query, which brings the cache from its limit down to three quarters of it.
+// cache's reference and leaves alone whoever still walks the block. Writing never evicts. Whoever
+// writes trims afterwards, which brings the cache from its limit down to three quarters of it.
 // A block counts as 65,536 bytes, whatever its directory takes.
 //
 // Readers may call read, write and trim at any time. Clear may run beside them too; swap only when

@@ -17,6 +17,7 @@ zem_status zem_spx_close(zem_spx &spx) noexcept { return zem_file_close(spx.file
 
 void zem_spx_shrink(zem_spx &spx) noexcept {
   zem_xtree_free_all(spx.tree);
+  zem_pool_term(spx.parts_pool);
   zem_cache_clear(spx.cache);
   spx.blk_num = 0;
   spx.key_num = 0;
@@ -28,6 +29,7 @@ void zem_spx_swap(zem_spx &a, zem_spx &b) noexcept {
   zem_xtree_swap(a.tree, b.tree);
   zem_file_swap(a.file, b.file);
   zem_cache_swap(a.cache, b.cache);
+  zem_pool_swap(a.parts_pool, b.parts_pool);
   std::swap(a.blk_num, b.blk_num);
   std::swap(a.key_num, b.key_num);
   std::swap(a.doc_num, b.doc_num);

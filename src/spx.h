@@ -42,6 +42,8 @@
 // file that is being written belongs to the one task that writes it.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -49,6 +51,8 @@
 #include <vector>
 
 #include "base/file.h"
+#include "base/mutex.h"
+#include "base/pool.h"
 #include "base/status.h"
 #include "base/stream.h"
 
@@ -87,14 +91,33 @@ static_assert(zem_block_size <= std::numeric_limits<std::uint16_t>::max() + 1U);
 inline constexpr std::uint32_t first_data_block = 1;
 }  // namespace zem_spx_format
 
+// The parts of a data block: the groups that begin in one 2 KiB page of it make one part. A query for a
+// short term reads the part that holds it instead of the block, and trusts it by the checksum that was
+// taken when the block was last read whole and verified.
+struct zem_spx_parts {
+  static constexpr std::size_t page_size = 2048;
+  static constexpr std::size_t most = zem_block_size / page_size;
+  struct part {
+    zem_term term;      // of its first group
+    std::uint32_t crc;  // CRC-32 of its bytes
+    std::uint16_t at;   // where it begins in the block
+  };
+  std::array<part, most> list;
+  std::uint32_t count;                       // of parts
+  std::uint32_t end;                         // where the last one ends
+  mutable std::atomic<std::uint32_t> reads;  // of parts, since the block was cached
+};
+
 // What the index holds of one data block.
 struct zem_spx_val {
   std::uint32_t blk_no;
   std::uint16_t grp_num;  // groups in the block
   std::uint16_t rec_num;  // postings in the block
   std::uint16_t cont;     // 1: its first group continues the term of the block before
+  // What is known of its inside, null before the block was read for a query (src/spx_part.h). Published
+  // once, by whichever reader is first.
+  mutable const zem_spx_parts *parts = nullptr;
 };
-static_assert(sizeof(zem_spx_val) == 12);
 using zem_spx_node = zem_xnode<zem_spx_val>;
 
 // One data file and its index. A shard owns two: the live one, and the one that is being written.
@@ -110,6 +133,8 @@ struct zem_spx {
   std::uint64_t doc_num = 0;  // postings
   bool damaged = false;       // the load had to leave out data blocks: a merge would lose them
   mutable zem_cache cache;    // data blocks by number; locks itself
+  mutable zem_mutex parts_mutex{zem_lock_rank::leaf};
+  mutable zem_pool<zem_spx_parts> parts_pool ZEM_GUARDED_BY(parts_mutex){1024};
 };
 
 // The data block being filled, and where it will lie. Owned by whoever writes the file.
@@ -134,10 +159,11 @@ struct zem_xblk {
 
 zem_status zem_spx_open(zem_spx &spx, zem_file_mode mode);
 zem_status zem_spx_close(zem_spx &spx) noexcept;
-void zem_spx_shrink(zem_spx &spx) noexcept;  // empties index, counters and cache; keeps the file
+// Empties index, counters and cache; keeps the file. Nobody else uses the record meanwhile, as with swap.
+void zem_spx_shrink(zem_spx &spx) noexcept ZEM_UNCHECKED_LOCKS;
 // Exchanges everything but the file names: a descriptor goes on serving its file, which the caller
 // has renamed or is about to.
-void zem_spx_swap(zem_spx &a, zem_spx &b) noexcept;
+void zem_spx_swap(zem_spx &a, zem_spx &b) noexcept ZEM_UNCHECKED_LOCKS;
 
 // ---- writing
 

@@ -14,31 +14,43 @@ void stand_on_nothing(zem_xiter &it) {
   it.end = nullptr;
 }
 
-// Stands on posting `index` of group `group` of the current block.
-void stand_on(zem_xiter &it, std::size_t group, std::size_t index) {
-  const std::byte *head = &it.block->bytes[it.block->groups[group]];
-  const std::byte *ids = zem_spx_get_ids(head);
-  it.group = static_cast<std::uint32_t>(group);
+// Stands on posting `index` of a group.
+void stand_in(zem_xiter &it, const zem_spx_group &group, std::size_t index) {
+  const std::byte *ids = zem_spx_get_ids(group.head);
   it.at = ids + index * format::id_size;
-  it.end = ids + zem_spx_get_count(head) * format::id_size;
-  it.term = zem_spx_get_term(head);
+  it.end = ids + zem_spx_get_count(group.head) * format::id_size;
+  it.term = zem_spx_get_term(group.head);
   it.doc = zem_stream_get_lword(it.at);
-  it.first = index == 0 && (group > 0 || it.node->value->cont == 0);
+  it.first = index == 0 && (!group.first || it.node->value->cont == 0);
+  it.last_group = group.last;
+}
+
+// The same for group `group` of the current block.
+void stand_on(zem_xiter &it, std::size_t group, std::size_t index) {
+  const auto &groups = it.block->groups;
+  it.group = static_cast<std::uint32_t>(group);
+  stand_in(it, {&it.block->bytes[groups[group]], group == 0, group + 1 == groups.size()}, index);
+}
+
+bool fetch_cached(const zem_spx &spx, zem_xiter &it, const zem_spx_node &node) {
+  it.node = &node;
+  it.block = zem_cache_read(spx.cache, node.value->blk_no);
+  return it.block != nullptr;
+}
+
+zem_status fetch_from_file(const zem_spx &spx, zem_xiter &it, const zem_spx_node &node) {
+  auto block = std::make_shared_for_overwrite<zem_block>();
+  if (zem_status st = zem_spx_read_blk(spx, node, *block); st < 0) return st;
+  zem_spx_part_learn(spx, node, *block);
+  zem_cache_write(spx.cache, node.value->blk_no, block);
+  zem_cache_trim(spx.cache);  // a walk of a whole file must not keep it all
+  it.block = std::move(block);
+  return zem_ok;
 }
 
 // Gets the block of `node` from the cache, or from the file into the cache.
 zem_status fetch(const zem_spx &spx, zem_xiter &it, const zem_spx_node &node) {
-  std::shared_ptr<const zem_block> block = zem_cache_read(spx.cache, node.value->blk_no);
-  if (block == nullptr) {
-    auto fresh = std::make_shared_for_overwrite<zem_block>();
-    if (zem_status st = zem_spx_read_blk(spx, node, *fresh); st < 0) return st;
-    block = std::move(fresh);
-    zem_cache_write(spx.cache, node.value->blk_no, block);
-    zem_cache_trim(spx.cache);  // a walk of a whole file must not keep it all
-  }
-  it.block = std::move(block);
-  it.node = &node;
-  return zem_ok;
+  return fetch_cached(spx, it, node) ? zem_ok : fetch_from_file(spx, it, node);
 }
 
 // Reads the block of `node` into the cursor's own buffer and stands on its first posting. After a
@@ -62,6 +74,30 @@ std::size_t find_group(const zem_block &block, const zem_term &term) {
                          return zem_xtree_compare(zem_spx_get_term(&block.bytes[group]), key) < 0;
                        });
   return static_cast<std::size_t>(found - block.groups.begin());
+}
+
+// The term's group in the current block.
+zem_spx_group group_of(const zem_xiter &it, const zem_term &term) {
+  const auto &groups = it.block->groups;
+  const std::size_t group = find_group(*it.block, term);
+  if (group == groups.size()) return {};
+  const std::byte *head = &it.block->bytes[groups[group]];
+  if (!zem_xtree_same(zem_spx_get_term(head), term)) return {};
+  return {head, group == 0, group + 1 == groups.size()};
+}
+
+// Finds the term's group in a block that can hold it: in the cached block, in a part of it read from the
+// file, or in the whole block, which is cached then.
+zem_status fetch_group(const zem_spx &spx, zem_xiter &it, const zem_spx_node &node,
+                       const zem_term &term, zem_spx_group &group) {
+  if (!fetch_cached(spx, it, node)) {
+    std::size_t part = 0;
+    if (zem_spx_part_find(node, term, part))
+      return zem_spx_part_read(spx, node, part, term, it.part, group);
+    if (zem_status st = fetch_from_file(spx, it, node); st < 0) return st;
+  }
+  group = group_of(it, term);
+  return zem_ok;
 }
 
 // The first of `count` descending ids that is not above `id`, or `count`.
@@ -95,16 +131,13 @@ zem_status zem_spx_iter_find_x(const zem_spx &spx, zem_xiter &it, const zem_term
   bool past_end = false;
   const zem_spx_node *node = zem_xtree_node_bfind(spx.tree, term, id, &past_end);
   if (node == nullptr || past_end) return zem_ok;
-  if (zem_status st = fetch(spx, it, *node); st < 0) return st;
-
-  const std::size_t group = find_group(*it.block, term);
-  if (group == it.block->groups.size()) return zem_ok;
-  const std::byte *head = &it.block->bytes[it.block->groups[group]];
-  if (!zem_xtree_same(zem_spx_get_term(head), term)) return zem_ok;
-  const std::size_t count = zem_spx_get_count(head);
-  const std::size_t index = find_id(zem_spx_get_ids(head), count, id);
+  zem_spx_group group;
+  if (zem_status st = fetch_group(spx, it, *node, term, group); st < 0) return st;
+  if (group.head == nullptr) return zem_ok;
+  const std::size_t count = zem_spx_get_count(group.head);
+  const std::size_t index = find_id(zem_spx_get_ids(group.head), count, id);
   if (index == count) return zem_ok;  // the term ends with this group: the key is in this block
-  stand_on(it, group, index);
+  stand_in(it, group, index);
   return zem_yes;
 }
 
@@ -113,8 +146,6 @@ zem_status zem_spx_iterd_first(const zem_spx &spx, zem_xiter &it) {
 }
 
 namespace {
-
-bool at_last_group(const zem_xiter &it) noexcept { return it.group + 1 == it.block->groups.size(); }
 
 // Whether the term of the block before goes on in the whole of this one.
 bool is_continuation(const zem_spx_node &node) noexcept {
@@ -139,7 +170,7 @@ zem_status zem_spx_iter_pass(const zem_spx &spx, zem_xiter &it, std::uint64_t co
       break;
     }
     count -= run;
-    const bool last_group = at_last_group(it);
+    const bool last_group = it.last_group;
     stand_on_nothing(it);
     const zem_spx_node *next = it.node->next;
     if (!last_group) return zem_ok;
@@ -183,7 +214,7 @@ zem_status zem_spx_iterd_next_x(const zem_spx &spx, zem_xiter &it, std::uint64_t
       zem_var_append_lwords(*ids, zem_xiter_run(it).first(shown * format::id_size), 0);
     }
     count += run;
-    if (!at_last_group(it)) {
+    if (!it.last_group) {
       stand_on(it, it.group + 1, 0);
       return zem_yes;
     }
@@ -214,7 +245,7 @@ zem_status zem_spx_term_index(const zem_spx &spx, const zem_term &term, std::uin
 }
 
 zem_status zem_spx_iterd_next_group(const zem_spx &spx, zem_xiter &it) {
-  if (it.group + 1 == it.block->groups.size()) return scan_block(spx, it, it.node->next);
+  if (it.last_group) return scan_block(spx, it, it.node->next);
   stand_on(it, it.group + 1, 0);
   return zem_ok;
 }

@@ -24,6 +24,7 @@
 #include "base/var.h"
 
 #include "src/spx.h"
+#include "src/spx_part.h"
 
 struct zem_xiter {
   zem_xiter() = default;
@@ -36,9 +37,11 @@ struct zem_xiter {
   const std::byte *at = nullptr;           // its doc id inside `block`; null: stands on nothing
   const std::byte *end = nullptr;          // behind the last doc id of its group
   std::uint32_t group = 0;                 // index of its group in the block's directory
+  bool last_group = false;                 // of the block
   const zem_spx_node *node = nullptr;      // of `block`; belongs to the data index
-  std::shared_ptr<const zem_block> block;  // being walked
+  std::shared_ptr<const zem_block> block;  // being walked; null while a part of it is
   std::shared_ptr<zem_block> buffer;       // of the iterd family, reused from block to block
+  std::unique_ptr<std::byte[]> part;       // what was read instead of it
 };
 
 inline bool zem_xiter_stands(const zem_xiter &it) noexcept { return it.at != nullptr; }
