@@ -10,7 +10,8 @@
 //   load      zem_exec::mutex        one bulk load: its calls come one after the other
 //   routing   zem_table::routing     order of routings, from the swap of a batch to its last run
 //   list      zem_table::list_mutex  from computing a new "sdb.lst" to the exchange in memory
-//   table     zem_table::lock        the pending batch and the shard list
+//   batch     zem_table::batch_mutex the pending batch
+//   table     zem_table::lock        the shard list
 //   gate      zem_table::wait_mutex  the counts of admitted writers, readers and holders
 //   shard     zem_shard::lock        one shard's stores
 //   cache     zem_cache::mutex       one block cache
@@ -54,6 +55,7 @@ enum class zem_lock_rank : std::uint8_t {
   load,
   routing,
   list,
+  batch,
   table,
   gate,
   shard,

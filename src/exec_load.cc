@@ -34,11 +34,11 @@ class [[nodiscard]] writer_bar {
  public:
   explicit writer_bar(zem_table &table) : table_(table) {
     zem_lock_guard held(table_.wait_mutex);
-    ++table_.bars;
+    ++table_.writer_bars;
   }
   ~writer_bar() {
     zem_lock_guard held(table_.wait_mutex);
-    --table_.bars;
+    --table_.writer_bars;
     table_.gate.wake_all();
   }
   writer_bar(const writer_bar &) = delete;

@@ -105,7 +105,7 @@ void zem_pipe_cancel(const zem_split &split) {
 zem_status zem_task_sleep(zem_split &split, zem_shard_state state) {
   zem_table &table = split.table;
   zem_lock_guard held(table.wait_mutex);
-  split.shard.state = state;
+  zem_table_set_state(table, split.shard, state);
   return zem_table_wait_empty(table, state == zem_shard_state::holding_readers
                                          ? zem_table_role::reader
                                          : zem_table_role::writer);
@@ -245,8 +245,7 @@ void cancel(zem_split &split) {
 // Lets everybody in again.
 void let_go(zem_table &table, zem_shard &shard) {
   zem_lock_guard held(table.wait_mutex);
-  shard.state = zem_shard_state::idle;
-  table.gate.wake_all();
+  zem_table_set_state(table, shard, zem_shard_state::idle);
 }
 
 }  // namespace

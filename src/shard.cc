@@ -281,8 +281,6 @@ std::uint64_t zem_shard_msize(const zem_shard &shard) {
   return zem_xtree_msize(shard.log.tree) + frozen + zem_xtree_msize(shard.dat.tree);
 }
 
-void zem_shard_trim(const zem_shard &shard) { zem_cache_trim(shard.dat.cache); }
-
 zem_shard_due zem_shard_due_by(const zem_cfg &cfg, std::uint64_t log_bytes,
                                std::uint64_t dat_bytes) noexcept {
   if (log_bytes < zem_cfg_bytes(cfg.merge_num)) return zem_shard_due::nothing;

@@ -158,7 +158,6 @@ std::uint64_t zem_shard_count(const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.
 std::uint64_t zem_shard_xcount(const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
 std::uint64_t zem_shard_fsize(const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
 std::uint64_t zem_shard_msize(const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
-void zem_shard_trim(const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);  // its block cache
 
 // The background task that is due by these sizes, were the shard idle. Pure; sizes in bytes.
 enum class zem_shard_due : std::uint8_t { nothing, merge, split };

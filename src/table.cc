@@ -34,44 +34,46 @@ std::vector<zem_shard *> zem_table_shard_list(const zem_table &table) {
 
 namespace {
 
-// The caller holds `wait_mutex`, under which a split raises a shard's state too, so nobody slips in
-// between the look and the count.
-bool barred(const zem_table &table, zem_table_role role) ZEM_REQUIRES(table.wait_mutex)
-    ZEM_REQUIRES_SHARED(table.lock) {
-  if (role == zem_table_role::writer && table.bars > 0) return true;
-  const zem_shard_state highest = role == zem_table_role::writer ? zem_shard_state::splitting
-                                                                 : zem_shard_state::holding_writers;
-  for (std::size_t i = 0; i < zem_arrx_count(table.shards); ++i) {
-    if (zem_arrx_get_at(table.shards, i)->state > highest) return true;
-  }
-  return false;
-}
-
 enum class gate_answer : std::uint8_t { admitted, closed, barred };
 
-gate_answer try_enter(zem_table &table, zem_table_role role) ZEM_REQUIRES(table.wait_mutex)
-    ZEM_REQUIRES_SHARED(table.lock) {
+gate_answer try_enter(zem_table &table, zem_table_role role) ZEM_REQUIRES(table.wait_mutex) {
   if (!table.open) return gate_answer::closed;
-  if (barred(table, role)) return gate_answer::barred;
-  ++(role == zem_table_role::writer ? table.writers : table.readers);
+  const bool writes = role == zem_table_role::writer;
+  if ((writes ? table.writer_bars : table.reader_bars) > 0) return gate_answer::barred;
+  ++(writes ? table.writers : table.readers);
   ++table.holders;
   return gate_answer::admitted;
+}
+
+zem_status wait_to_enter(zem_table &table, zem_table_role role) ZEM_REQUIRES(table.wait_mutex) {
+  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
+  gate_answer answer = gate_answer::barred;
+  while (answer == gate_answer::barred) {
+    if (table.closing) return zem_status{-EBUSY};
+    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return zem_status{-EBUSY};
+    answer = try_enter(table, role);
+  }
+  return answer == gate_answer::admitted ? zem_ok : zem_status{ZEM_SDB_E_CLOSED};
 }
 
 }  // namespace
 
 zem_status zem_table_wait_lock(zem_table &table, zem_table_role role) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
-  for (;;) {
-    zem_read_guard shards_held(table.lock);
-    zem_lock_guard held(table.wait_mutex);
-    const gate_answer answer = try_enter(table, role);
-    if (answer == gate_answer::admitted) return zem_ok;
-    if (answer == gate_answer::closed) return zem_status{ZEM_SDB_E_CLOSED};
-    shards_held.unlock();
-    if (table.closing) return zem_status{-EBUSY};
-    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return zem_status{-EBUSY};
-  }
+  zem_lock_guard held(table.wait_mutex);
+  const gate_answer answer = try_enter(table, role);
+  if (answer == gate_answer::barred) return wait_to_enter(table, role);
+  return answer == gate_answer::admitted ? zem_ok : zem_status{ZEM_SDB_E_CLOSED};
+}
+
+void zem_table_set_state(zem_table &table, zem_shard &shard, zem_shard_state state) {
+  const auto move = [&](std::uint32_t &bars, zem_shard_state from) {
+    bars -= shard.state >= from ? 1U : 0U;
+    bars += state >= from ? 1U : 0U;
+  };
+  move(table.writer_bars, zem_shard_state::holding_writers);
+  move(table.reader_bars, zem_shard_state::holding_readers);
+  shard.state = state;
+  table.gate.wake_all();
 }
 
 zem_status zem_table_wait_empty(zem_table &table, zem_table_role role) {
@@ -84,14 +86,16 @@ zem_status zem_table_wait_empty(zem_table &table, zem_table_role role) {
   return zem_ok;
 }
 
-void zem_table_wait_clear(zem_table &table, zem_table_role role) {
-  zem_table_wait_stay(table, role);
-  zem_table_unhold(table);
-}
-
 void zem_table_wait_stay(zem_table &table, zem_table_role role) {
   zem_lock_guard held(table.wait_mutex);
   --(role == zem_table_role::writer ? table.writers : table.readers);
+  table.gate.wake_all();
+}
+
+void zem_table_wait_clear(zem_table &table, zem_table_role role) {
+  zem_lock_guard held(table.wait_mutex);
+  --(role == zem_table_role::writer ? table.writers : table.readers);
+  --table.holders;
   table.gate.wake_all();
 }
 
@@ -229,7 +233,7 @@ namespace {
 // the batch, and one that meets a clear leaves both to the next tick.
 bool has_quiet_batch(const zem_table &table) {
   const std::uint32_t now = zem_time();
-  zem_read_guard held(table.lock);
+  zem_lock_guard held(table.batch_mutex);
   if (table.doc.tree.count == 0 || table.doc.time == 0) return false;
   return now - table.doc.time > table.cfg.flush_time;
 }

@@ -78,9 +78,11 @@ struct zem_table {
   // that failed, or a new one whose directory does not sync.
   std::optional<std::string> list_owed ZEM_GUARDED_BY(list_mutex);
 
+  mutable zem_mutex batch_mutex{zem_lock_rank::batch};
+  zem_doc doc ZEM_GUARDED_BY(batch_mutex);                 // the pending batch
+  zem_status routed ZEM_GUARDED_BY(batch_mutex) = zem_ok;  // how the last routing went
+
   mutable zem_rwlock lock{zem_lock_rank::table};
-  zem_doc doc ZEM_GUARDED_BY(lock);                         // the pending batch
-  zem_status routed ZEM_GUARDED_BY(lock) = zem_ok;          // how the last routing went
   zem_arrx<zem_shard> shards ZEM_GUARDED_BY(lock);          // by high key; owned
   std::vector<zem_shard *> shard_ids ZEM_GUARDED_BY(lock);  // the same by number
   std::uint32_t shard_seq ZEM_GUARDED_BY(lock) = 0;         // highest number issued
@@ -91,7 +93,9 @@ struct zem_table {
   std::uint32_t writers ZEM_GUARDED_BY(wait_mutex) = 0;  // from the gate to their last shard
   std::uint32_t readers ZEM_GUARDED_BY(wait_mutex) = 0;
   std::uint32_t holders ZEM_GUARDED_BY(wait_mutex) = 0;  // whoever keeps a shard pointer
-  std::uint32_t bars ZEM_GUARDED_BY(wait_mutex) = 0;     // bulk loads that keep writers out
+  // Splits, and bulk loads at their close, that keep new ones out.
+  std::uint32_t writer_bars ZEM_GUARDED_BY(wait_mutex) = 0;
+  std::uint32_t reader_bars ZEM_GUARDED_BY(wait_mutex) = 0;
   bool clearing ZEM_GUARDED_BY(wait_mutex) = false;
 
   zem_task task;
@@ -115,7 +119,8 @@ zem_status zem_table_close(zem_table &table);
 
 // Removes every shard and starts shard 1 anew. `withdraw` cancels the table's bulk loads, when no more
 // can begin and before the shards go.
-zem_status zem_table_clear(zem_table &table, const std::function<void()> &withdraw = [] {});
+zem_status zem_table_clear(
+    zem_table &table, const std::function<void()> &withdraw = [] {});
 
 // The timer's work: routes a batch and commits logs that were quiet for `flush_time`, and asks again
 // for merges that failed.
@@ -123,11 +128,16 @@ void zem_table_timer(zem_table &table);
 
 // ---- the gate
 
-// Lets the caller in once no shard is in a state that bars its role, and counts it. It then picks its
-// shards under the table's lock; the shards found stay until zem_table_wait_clear.
+// Lets the caller in once nothing bars its role, and counts it. It then picks its shards under the
+// table's lock; the shards found stay until zem_table_wait_clear.
 // Errors: ZEM_SDB_E_CLOSED; -EBUSY when barred for 300 s, or barred while the table closes.
-zem_status zem_table_wait_lock(zem_table &table, zem_table_role role) ZEM_EXCLUDES(table.lock);
+zem_status zem_table_wait_lock(zem_table &table, zem_table_role role);
 void zem_table_wait_clear(zem_table &table, zem_table_role role);
+
+// Moves a shard's state, and the gate with it: from holding_writers on writers are barred, from
+// holding_readers on readers too.
+void zem_table_set_state(zem_table &table, zem_shard &shard, zem_shard_state state)
+    ZEM_REQUIRES(table.wait_mutex);
 
 // Waits until the writers, and for the role of readers these as well, have left; the caller keeps new
 // ones out. Errors: -EBUSY after 300 s; ZEM_SDB_E_CLOSED when the table is cleared or closed meanwhile.
@@ -211,14 +221,14 @@ zem_status zem_table_update_x(zem_table &table, const zem_doc &doc, zem_keys *ke
 
 // Whether routing fails and the pending batch has grown to 16 times `commit_num`, so that it takes no
 // more.
-bool zem_table_stuck(const zem_table &table) ZEM_REQUIRES_SHARED(table.lock);
+bool zem_table_stuck(const zem_table &table) ZEM_REQUIRES(table.batch_mutex);
 
 // Adds changes to the pending batch by calling `load(batch)`, and routes it when it is full. While the
 // table is stuck the changes are routed past it, and refused as far as they cannot be applied.
 template <class Load>
 zem_status zem_table_add(zem_table &table, Load load) {
   for (bool retried = false;; retried = true) {
-    zem_write_guard held(table.lock);
+    zem_lock_guard held(table.batch_mutex);
     if (!zem_table_stuck(table)) {
       load(table.doc);
       const bool full = table.doc.count >= table.cfg.commit_num;

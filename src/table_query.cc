@@ -3,6 +3,9 @@
 
 #include "src/table.h"
 
+#include <algorithm>
+#include <span>
+
 #include "base/var.h"
 
 #include "src/shard_key.h"
@@ -27,60 +30,72 @@ class [[nodiscard]] reader_pass {
   const zem_status result_;
 };
 
-// The items of a query that fall on one shard.
-struct zem_tshard {
-  zem_shard *shard;
-  std::vector<std::size_t> items;
-};
-
-struct query_plan {
-  std::vector<zem_shard_item> items;
-  std::vector<zem_tshard> shards;  // in high-key order; those that no item reaches are left out
-};
-
-std::vector<zem_shard_item> read_items(const zem_var &heads, const zem_var &thirds) {
-  const std::int64_t count = std::min(zem_var_size(&heads), zem_var_size(&thirds));
-  std::vector<zem_shard_item> items;
-  items.reserve(static_cast<std::size_t>(count));
-  for (std::int64_t i = 0; i < count; ++i) {
-    const zem_term low =
-        zem_term_join(zem_var_get_long(&heads, i), zem_var_get_integer(&thirds, i));
-    const std::uint32_t span01 = zem_var_get_buf(&heads, i);
-    const std::uint32_t span2 = zem_var_get_buf(&thirds, i);
-    items.push_back({low, {low[0] + span01, low[1] + span01, low[2] + span2}});
-  }
-  return items;
+zem_shard_item read_item(const zem_var &heads, const zem_var &thirds, std::int64_t i) {
+  const zem_term low = zem_term_join(zem_var_get_long(&heads, i), zem_var_get_integer(&thirds, i));
+  const std::uint32_t span01 = zem_var_get_buf(&heads, i);
+  const std::uint32_t span2 = zem_var_get_buf(&thirds, i);
+  return {low, {low[0] + span01, low[1] + span01, low[2] + span2}};
 }
 
-// Distributes the items over the shards: each goes to the shard that holds its start term and to
-// every following one, up to the first whose high-key term lies after its end.
-void zem_table_term_shards(const zem_table &table, query_plan &plan)
+// The positions of the shards that an item reaches: the one that holds its start term and every
+// following one, up to the first whose high-key term lies after its end. There is at least one shard.
+struct zem_treach {
+  std::size_t first;
+  std::size_t last;
+};
+zem_treach zem_table_term_shard(const zem_table &table, const zem_shard_item &item)
     ZEM_REQUIRES_SHARED(table.lock) {
-  const std::size_t count = zem_arrx_count(table.shards);
-  if (count == 0) return;
-  std::vector<std::vector<std::size_t>> reached(count);
-  for (std::size_t item = 0; item < plan.items.size(); ++item) {
-    const zem_shard_item &range = plan.items[item];
-    for (std::size_t i = zem_table_find(table, range.low, zem_id_first); i < count; ++i) {
-      reached[i].push_back(item);
-      const bool last = i + 1 == count;
-      if (last || zem_xtree_compare(zem_arrx_get_at(table.shards, i)->mkey.term, range.high) > 0)
-        break;
-    }
-  }
-  for (std::size_t i = 0; i < count; ++i) {
-    if (!reached[i].empty())
-      plan.shards.push_back({zem_arrx_get_at(table.shards, i), std::move(reached[i])});
-  }
+  const std::size_t first = zem_table_find(table, item.low, zem_id_first);
+  const std::size_t end = zem_arrx_count(table.shards) - 1;
+  std::size_t last = first;
+  while (last < end &&
+         zem_xtree_compare(zem_arrx_get_at(table.shards, last)->mkey.term, item.high) <= 0)
+    ++last;
+  return {first, last};
 }
 
-zem_status query_shard(const query_plan &plan, const zem_tshard &part, zem_found &found) {
-  const zem_shard &shard = *part.shard;
+// The shard that answers an item alone, if one does.
+zem_shard *only_shard(const zem_table &table, const zem_shard_item &item) {
+  zem_read_guard held(table.lock);
+  if (zem_arrx_count(table.shards) == 0) return nullptr;
+  const zem_treach reach = zem_table_term_shard(table, item);
+  return reach.first == reach.last ? zem_arrx_get_at(table.shards, reach.first) : nullptr;
+}
+
+// An item that falls on a shard.
+struct zem_tshard {
+  std::size_t place;  // of the shard, in high-key order
+  zem_shard *shard;
+  zem_shard_item item;
+};
+
+// Distributes the items over the shards, in the order of these.
+std::vector<zem_tshard> zem_table_term_shards(const zem_table &table, const zem_var &heads,
+                                              const zem_var &thirds, std::int64_t count) {
+  std::vector<zem_tshard> parts;
+  parts.reserve(static_cast<std::size_t>(count));
+  zem_read_guard held(table.lock);
+  if (zem_arrx_count(table.shards) == 0) return parts;
+  for (std::int64_t i = 0; i < count; ++i) {
+    const zem_shard_item item = read_item(heads, thirds, i);
+    const zem_treach reach = zem_table_term_shard(table, item);
+    for (std::size_t place = reach.first; place <= reach.last; ++place)
+      parts.push_back({place, zem_arrx_get_at(table.shards, place), item});
+  }
+  std::stable_sort(parts.begin(), parts.end(),
+                   [](const zem_tshard &a, const zem_tshard &b) { return a.place < b.place; });
+  return parts;
+}
+
+// Asks the shard of the first part for this and all further parts that fall on it.
+zem_status query_shard(std::span<const zem_tshard> &parts, zem_found &found) {
+  const zem_shard &shard = *parts.front().shard;
   zem_read_guard held(shard.lock);
   zem_status st = zem_ok;
-  for (std::size_t i = 0; st >= 0 && i < part.items.size(); ++i)
-    st = zem_shard_query(shard, plan.items[part.items[i]], found);
-  zem_shard_trim(shard);
+  while (st >= 0 && !parts.empty() && parts.front().shard == &shard) {
+    st = zem_shard_query(shard, parts.front().item, found);
+    parts = parts.subspan(1);
+  }
   return st;
 }
 
@@ -98,17 +113,22 @@ zem_status zem_table_query(zem_table &table, const zem_var &heads, const zem_var
                            zem_var &ids) {
   const reader_pass pass(table);
   if (pass.result() < 0) return pass.result();
-  query_plan plan;
-  plan.items = read_items(heads, thirds);
-  {
-    zem_read_guard held(table.lock);
-    zem_table_term_shards(table, plan);
+  const std::int64_t count = std::min(zem_var_size(&heads), zem_var_size(&thirds));
+  if (count == 1) {
+    const zem_shard_item item = read_item(heads, thirds, 0);
+    if (const zem_shard *shard = only_shard(table, item)) {
+      zem_found found;
+      found.list = &ids;
+      zem_read_guard held(shard->lock);
+      return zem_shard_query(*shard, item, found);
+    }
   }
+  const std::vector<zem_tshard> plan = zem_table_term_shards(table, heads, thirds, count);
+  std::span<const zem_tshard> parts(plan);
   zem_found found;
-  if (plan.items.size() == 1 && plan.shards.size() == 1) found.list = &ids;
   zem_status st = zem_ok;
-  for (std::size_t i = 0; st >= 0 && i < plan.shards.size(); ++i)
-    st = query_shard(plan, plan.shards[i], found);
+  while (st >= 0 && !parts.empty())
+    st = query_shard(parts, found);
   zem_table_docids(found, ids);
   return st;
 }
@@ -142,9 +162,7 @@ zem_status with_shard(zem_table &table, std::uint32_t number, Operation &&operat
   }
   if (shard == nullptr) return zem_status{ZEM_SDB_E_SHARD};
   zem_read_guard held(shard->lock);
-  const zem_status st = operation(*shard);
-  zem_shard_trim(*shard);
-  return st;
+  return operation(*shard);
 }
 
 }  // namespace
@@ -176,9 +194,7 @@ zem_status zem_table_find_term(zem_table &table, zem_table_source source, const 
   zem_read_guard held(shard->lock);
   number = shard->id;
   const auto find = source == zem_table_source::log ? zem_shard_log_find : zem_shard_dat_find;
-  const zem_status st = find(*shard, term, position);
-  zem_shard_trim(*shard);
-  return st;
+  return find(*shard, term, position);
 }
 
 zem_status zem_table_keys(zem_table &table, zem_table_source source, std::uint32_t number,

@@ -120,19 +120,19 @@ zem_status route(zem_table &table, const zem_doc &doc, std::vector<zem_xshard> &
 // Remembers how a routing of the pending batch went. What came back, or never left, is tried again
 // when it was quiet for `flush_time` or the batch has filled up once more.
 void settle(zem_table &table, zem_status st) {
-  zem_write_guard held(table.lock);
+  zem_lock_guard held(table.batch_mutex);
   table.routed = st;
   if (st < 0) table.doc.time = zem_time();
 }
 
 // What could not leave fills the batch no more than what came back does.
 void forget_count(zem_table &table) {
-  zem_write_guard held(table.lock);
+  zem_lock_guard held(table.batch_mutex);
   table.doc.count = 0;
 }
 
 void give_back(zem_table &table, const std::vector<zem_xshard> &runs) {
-  zem_write_guard held(table.lock);
+  zem_lock_guard held(table.batch_mutex);
   for (const zem_xshard &run : runs) {
     for (const doc_node *node = run.at; node != run.end; node = node->next)
       zem_doc_restore_term(table.doc, node->id, node->term, node->value->flag);
@@ -142,7 +142,7 @@ void give_back(zem_table &table, const std::vector<zem_xshard> &runs) {
 // Swaps the pending batch with the empty one of the routing. Where a routing ran out of memory while
 // giving back, its batch is still there and goes back first: applying a change twice changes nothing.
 void take_batch(zem_table &table) ZEM_REQUIRES(table.routing) {
-  zem_write_guard held(table.lock);
+  zem_lock_guard held(table.batch_mutex);
   for (const doc_node *node = zem_xtree_node_first(table.batch.tree); node != nullptr;
        node = node->next)
     zem_doc_restore_term(table.doc, node->id, node->term, node->value->flag);
@@ -151,7 +151,7 @@ void take_batch(zem_table &table) ZEM_REQUIRES(table.routing) {
 }
 
 bool has_pending(const zem_table &table) ZEM_REQUIRES(table.routing) {
-  zem_read_guard held(table.lock);
+  zem_lock_guard held(table.batch_mutex);
   return table.doc.tree.count > 0 || table.batch.tree.count > 0;
 }
 

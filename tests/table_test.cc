@@ -44,9 +44,13 @@ class TableTest : public ::testing::Test {
   zem_status insert(const std::vector<posting> &some) { return table.insert(some); }
   zem_status apply(const std::vector<posting> &some) { return table.route(some, 1); }
   zem_status route() { return zem_table_update(*table, false); }
+  void set_state(zem_shard &shard, zem_shard_state state) {
+    const zem_lock_guard held(table->wait_mutex);
+    zem_table_set_state(*table, shard, state);
+  }
   postings in_shard(std::uint32_t number) { return shard_postings(table.shard(number)); }
   postings pending() {
-    const zem_read_guard held(table->lock);
+    const zem_lock_guard held(table->batch_mutex);
     postings found;
     for (const auto *node = zem_xtree_node_first(table->doc.tree); node != nullptr;
          node = node->next)
@@ -114,17 +118,17 @@ TEST_F(TableTest, WritersAreHeldBackBeforeReadersAre) {
   for (const auto &[state, writers, readers] : {std::tuple{splitting, true, true},
                                                 {holding_writers, false, true},
                                                 {holding_readers, false, false}}) {
-    shard.state = state;
+    set_state(shard, state);
     EXPECT_EQ(enters(zem_table_role::writer), writers);
     EXPECT_EQ(enters(zem_table_role::reader), readers);
   }
-  shard.state = zem_shard_state::idle;
+  set_state(shard, idle);
 }
 
 TEST_F(TableTest, ABarredBatchGoesBackAndACloseDoesNotWait) {
   open();
   zem_shard &shard = table.shard(1);
-  shard.state = zem_shard_state::holding_writers;
+  set_state(shard, zem_shard_state::holding_writers);
   ASSERT_EQ(insert({at(1, 1)}), zem_ok);
   zem_status st = zem_ok;
   std::thread writer([&] { st = route(); });
@@ -133,7 +137,7 @@ TEST_F(TableTest, ABarredBatchGoesBackAndACloseDoesNotWait) {
   writer.join();
   EXPECT_EQ(st, -EBUSY);
   EXPECT_THAT(pending(), ElementsAre(at(1, 1)));
-  shard.state = zem_shard_state::idle;
+  set_state(shard, zem_shard_state::idle);
   ASSERT_EQ(table.close(), zem_ok);
   open();
   EXPECT_THAT(table.held(), ElementsAre(at(1, 1)));
