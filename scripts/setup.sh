@@ -9,6 +9,8 @@ packages=(
   g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build pkg-config git python3
   # the library's tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
+  # the stores that we are measured beside
+  librocksdb-dev libleveldb-dev liblmdb-dev
   # the program `sdb`: arguments, JSON, Unicode, hash
   libcli11-dev nlohmann-json3-dev libutf8proc-dev libxxhash-dev
 )
