@@ -10,7 +10,6 @@
 #include <tuple>
 #include <vector>
 
-#include "src/exec_split.h"
 #include "tests/support/faulty_files.h"
 #include "tests/support/table_life.h"
 #include "tests/support/temp_dir.h"
@@ -429,8 +428,7 @@ TEST_F(TableTest, ASplitSendsEveryChangeToItsHalf) {
       zem_shard_merge_cancel(shard);
     }
   }
-  table.shard(1).state = zem_shard_state::splitting;
-  ASSERT_EQ(zem_task_split(*table, table.shard(1)), zem_ok);
+  ASSERT_EQ(table.split(), zem_ok);
   EXPECT_THAT(table.shards(), SizeIs(2));
   EXPECT_THAT(table.held(), wanted);
   const zem_mkey &boundary = table.shard(2).mkey;
@@ -449,8 +447,7 @@ TEST_F(TableTest, ASplitSendsEveryChangeToItsHalf) {
 TEST_F(TableTest, AShardThatCannotBeHalvedIsMerged) {
   open();
   ASSERT_EQ(apply({at(1, 1)}), zem_ok);
-  table.shard(1).state = zem_shard_state::splitting;
-  ASSERT_EQ(zem_task_split(*table, table.shard(1)), zem_ok);
+  ASSERT_EQ(table.split(), zem_ok);
   ASSERT_EQ(table.wait(), zem_yes);
   EXPECT_THAT(table.held(), ElementsAre(at(1, 1)));
   EXPECT_EQ(table.shard(1).dat.doc_num, 1U);

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <mutex>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -13,10 +16,10 @@
 
 #include "tests/support/file_reader.h"
 #include "tests/support/host.h"
+#include "tests/support/manual_clock.h"
 
 namespace {
 
-using ::testing::AnyOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::Ge;
@@ -30,6 +33,49 @@ host_term term_of(std::uint64_t id) { return {static_cast<std::uint32_t>(id * 7 
 
 // Posting n of the table has id n, from 1 on.
 class HostSplitTest : public HostTest {
+ public:
+  using HostTest::HasFailure;
+
+  // With a peer, each posting goes to its owner and both stores are asked.
+  virtual void insert_each(const std::vector<host_posting> &some) { insert_all(some); }
+  virtual void remove_each(const std::vector<host_posting> &some) { remove_all(some); }
+  virtual void sync_both() { sync(); }
+  virtual std::vector<std::uint64_t> find_both(std::uint32_t word) { return find({word, 0, 0}); }
+  // Nothing else runs and the live logs are empty, so nothing comes between the inserts and the deletes.
+  virtual void remove_for_good(const std::vector<host_posting> &some) {
+    insert_all(some);
+    sync();
+    remove_all(some);
+  }
+  // Every posting of a data file lies above the key of the shard before and not above its own, by the
+  // reader that knows nothing of the library. Nothing may be running.
+  void expect_ranges() const {
+    const auto posting_of = [](const host_row &row) {
+      return file_posting{row.key.term, row.key.id};
+    };
+    std::vector<host_row> rows = shards();
+    std::sort(rows.begin(), rows.end(), [&](const host_row &a, const host_row &b) {
+      return file_key_before(posting_of(a), posting_of(b));
+    });
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      const file_content data =
+          read_data_file(path("sdb_" + std::to_string(rows[i].attribute) + ".dat"));
+      EXPECT_THAT(data.faults, IsEmpty());
+      ASSERT_FALSE(data.records.empty());
+      EXPECT_TRUE(i == 0 || file_key_before(posting_of(rows[i - 1]), data.records.front().posting));
+      EXPECT_FALSE(file_key_before(posting_of(rows[i]), data.records.back().posting));
+    }
+  }
+
+  virtual void settle() {
+    wait_idle();
+    merge();
+  }
+  virtual void reopen_both() {
+    reopen();
+    wait_idle();
+  }
+
  protected:
   HostSplitTest() {
     configure({{"merge_num", 1}, {"split_num", 1}, {"commit_time", 0}, {"merge_time", 0}});
@@ -71,26 +117,6 @@ class HostSplitTest : public HostTest {
     EXPECT_EQ(files(), wanted);
   }
 
-  // Every posting of a data file lies above the key of the shard before and not above its own, by the
-  // reader that knows nothing of the library. Nothing may be running.
-  void expect_ranges() const {
-    const auto posting_of = [](const host_row &row) {
-      return file_posting{row.key.term, row.key.id};
-    };
-    std::vector<host_row> rows = shards();
-    std::sort(rows.begin(), rows.end(), [&](const host_row &a, const host_row &b) {
-      return file_key_before(posting_of(a), posting_of(b));
-    });
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-      const file_content data =
-          read_data_file(path("sdb_" + std::to_string(rows[i].attribute) + ".dat"));
-      EXPECT_THAT(data.faults, IsEmpty());
-      ASSERT_FALSE(data.records.empty());
-      EXPECT_TRUE(i == 0 || file_key_before(posting_of(rows[i - 1]), data.records.front().posting));
-      EXPECT_FALSE(file_key_before(posting_of(rows[i]), data.records.back().posting));
-    }
-  }
-
   std::uint64_t held = 0;
 };
 
@@ -111,55 +137,113 @@ TEST_F(HostSplitTest, AGrowingTableSplitsAndKeepsEverything) {
   EXPECT_THAT(log.errors(), IsEmpty());
 }
 
-// One thread inserts, and deletes some of it at once, which reaches what the live log still holds; two
-// look for all that was synced.
-TEST_F(HostSplitTest, WritersAndReadersGoOnThroughSplits) {
-  constexpr std::uint64_t last = 10 * mib_of_postings;
-  constexpr std::uint64_t step = 20'000;
-  constexpr std::uint64_t fleeting = last * terms;  // ids from here on may be deleted or not
-  std::atomic<std::uint64_t> synced = 0;
-  const auto lasting = [&](std::uint32_t word) {
-    std::vector<std::uint64_t> ids = find({word, 0, 0});
-    EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end()) << "an id twice";
-    ids.erase(std::lower_bound(ids.begin(), ids.end(), fleeting), ids.end());
-    return ids;
-  };
-  std::thread writer([&] {
-    for (std::uint64_t first = 1; first <= last; first += step) {
-      insert_ids(first, step);
-      insert_ids(fleeting + first, 64);
-      sync();
-      for (std::uint64_t id = fleeting + first; id < fleeting + first + 64; ++id)
-        remove(term_of(id), id);
-      sync();
-      synced = first + step - 1;
+// Threads that insert, delete and look up while ranges divide again and again, and a model of what is
+// certain. Each posting is inserted once. Lasting ones stay. Fleeting ones are deleted right after,
+// which reaches what the live log still holds; what is left of them goes when nothing else runs.
+class split_model {
+ public:
+  using postings = std::vector<host_posting>;
+  static constexpr std::uint64_t step = 10'000;
+  static constexpr std::uint64_t fleeting_each = 64;
+  static constexpr unsigned hot_terms = 4;  // most of a round goes there
+
+  // The next postings of a thread, whose ids are its own.
+  postings draw(std::mt19937 &random, std::uint64_t &next_id, std::uint64_t count) const {
+    postings some;
+    for (; count > 0; --count, next_id += 2) {
+      const std::uint32_t word = random() % 8 == 0 ? random() % terms : hot + random() % hot_terms;
+      some.push_back({{word % terms, 0, 0}, next_id});
     }
-  });
-  std::vector<std::thread> readers;
-  for (unsigned seed = 1; seed <= 2; ++seed) {
-    readers.emplace_back([&, seed] {
-      std::mt19937 random(seed);
-      while (synced < last) {
-        const id_lists wanted = ids_up_to(synced);
+    return some;
+  }
+  std::uint32_t hot = 0;
+
+  void begin(const postings &some) { add(begun_, some); }
+  void sync(const postings &some) { add(synced_, some); }
+  void end_round() { begun_ = synced_; }
+  // What is found under a term is no less than what was synced before, and no more than was begun.
+  std::vector<std::uint64_t> synced(std::uint32_t word) const { return copy(synced_, word); }
+  void expect_between(std::uint32_t word, const std::vector<std::uint64_t> &at_least,
+                      const std::vector<std::uint64_t> &found) const {
+    const std::vector<std::uint64_t> at_most = copy(begun_, word);
+    EXPECT_TRUE(std::includes(found.begin(), found.end(), at_least.begin(), at_least.end()));
+    EXPECT_TRUE(std::includes(at_most.begin(), at_most.end(), found.begin(), found.end()));
+  }
+
+ private:
+  using id_sets = std::array<std::set<std::uint64_t>, terms>;
+  void add(id_sets &into, const postings &some) {
+    const std::lock_guard held(mutex_);
+    for (const host_posting &each : some)
+      into[each.term[0]].insert(each.id);
+  }
+  std::vector<std::uint64_t> copy(const id_sets &from, std::uint32_t word) const {
+    const std::lock_guard held(mutex_);
+    return {from[word].begin(), from[word].end()};
+  }
+  mutable std::mutex mutex_;
+  id_sets begun_, synced_;
+};
+
+// One table, or with a peer the union of both.
+void live_through_splits(HostSplitTest &host, int rounds, std::uint64_t steps) {
+  constexpr unsigned writers = 2;
+  split_model model;
+  std::array<std::uint64_t, writers> next_id{2, 3};
+  std::mt19937 seeds(7);
+  for (int round = 0; round < rounds && !host.HasFailure(); ++round) {
+    model.hot = seeds() % terms;
+    std::mutex doomed_mutex;
+    split_model::postings doomed;
+    std::atomic<unsigned> writing = writers;
+    std::vector<std::thread> threads;
+    for (unsigned n = 0; n < writers; ++n) {
+      threads.emplace_back([&, n, random = std::mt19937(seeds())]() mutable {
+        for (std::uint64_t i = 0; i < steps; ++i) {
+          const auto lasting = model.draw(random, next_id[n], split_model::step);
+          const auto fleeting = model.draw(random, next_id[n], split_model::fleeting_each);
+          model.begin(lasting);
+          model.begin(fleeting);
+          host.insert_each(lasting);
+          host.insert_each(fleeting);
+          host.sync_both();
+          model.sync(lasting);
+          host.remove_each(fleeting);
+          const std::lock_guard held(doomed_mutex);
+          doomed.insert(doomed.end(), fleeting.begin(), fleeting.end());
+        }
+        --writing;
+      });
+    }
+    threads.emplace_back([&, random = std::mt19937(seeds())]() mutable {
+      while (writing > 0) {
         const std::uint32_t word = random() % terms;
-        const std::vector<std::uint64_t> found = lasting(word);
-        EXPECT_TRUE(
-            std::includes(found.begin(), found.end(), wanted[word].begin(), wanted[word].end()));
+        const auto at_least = model.synced(word);
+        model.expect_between(word, at_least, host.find_both(word));
       }
     });
+    for (std::thread &thread : threads)
+      thread.join();
+    host.settle();
+    const auto check = [&] {
+      for (std::uint32_t word = 0; word < terms; ++word)
+        model.expect_between(word, model.synced(word), host.find_both(word));
+      host.expect_ranges();
+    };
+    check();
+    host.remove_for_good(doomed);
+    host.settle();
+    model.end_round();
+    check();
+    if (round % 2 == 0) host.reopen_both();
+    check();
   }
-  writer.join();
-  for (std::thread &reader : readers)
-    reader.join();
-  wait_idle();
+}
+
+TEST_F(HostSplitTest, ThreadsGoOnThroughSplits) {
+  live_through_splits(*this, 3, 12);
+  EXPECT_THAT(shards().size(), Ge(4));
   expect_files();
-  EXPECT_THAT(shards().size(), Ge(3));
-  const id_lists wanted = ids_up_to(last);
-  for (const bool again : {false, true}) {
-    if (again) reopen();
-    for (std::uint32_t word = 0; word < terms; ++word)
-      EXPECT_TRUE(lasting(word) == wanted[word]) << word;
-  }
   EXPECT_THAT(log.errors(), IsEmpty());
 }
 
@@ -190,7 +274,8 @@ class HostPeerTest : public HostSplitTest {
         ZEM_SDB_PEER_BATCH, [](std::uint64_t, std::uint64_t load, zem_doc *batch, int destination) {
           EXPECT_EQ(load, 9U);
           host->batches.push_back(destination);
-          EXPECT_EQ(zem_sdb_update(host->sdb.get(), host->taken, batch, nullptr), 0);
+          const host_keys keys(zem_sdb_keys_new());  // routes each batch by itself
+          EXPECT_EQ(zem_sdb_update(host->sdb.get(), host->taken, batch, keys.get()), 0);
           return host->failing == ZEM_SDB_PEER_BATCH ? -5 : 0;
         });
     fill_slot<zem_sdb_peer_commit>(ZEM_SDB_PEER_COMMIT, [](std::uint64_t, std::uint64_t, int) {
@@ -209,12 +294,15 @@ class HostPeerTest : public HostSplitTest {
           EXPECT_EQ(shard, host->splits.back());
           return host->call(ZEM_SDB_PEER_CANCEL);
         });
-    fill_slot<zem_sdb_split_notify>(
-        ZEM_SDB_SPLIT_NOTIFY,
-        [](const char *, std::uint32_t, std::uint32_t) { host->call(ZEM_SDB_SPLIT_NOTIFY); });
+    fill_slot<zem_sdb_split_notify>(ZEM_SDB_SPLIT_NOTIFY,
+                                    [](const char *, std::uint32_t, std::uint32_t) {
+                                      host->call(ZEM_SDB_SPLIT_NOTIFY);
+                                      host->asked = true;
+                                    });
     fill_slot<zem_sdb_split_wait>(ZEM_SDB_SPLIT_WAIT,
                                   [](const char *, std::uint32_t, std::uint32_t *done) {
                                     host->call(ZEM_SDB_SPLIT_WAIT);
+                                    host->asked = false;
                                     *done = 1;
                                   });
     fill_slot<zem_sdb_split_done>(ZEM_SDB_SPLIT_DONE, [](const char *, std::uint64_t, std::uint64_t,
@@ -223,6 +311,12 @@ class HostPeerTest : public HostSplitTest {
       EXPECT_EQ(zem_var_size(keys), 3);
       for (std::int64_t i = 0; i < 3; ++i)
         host->ranges.push_back(zem_var_get_buf(ids, i));
+      const std::uint64_t head = zem_var_get_long(keys, 1);
+      const std::lock_guard locked(host->boundary_mutex);
+      host->boundary =
+          file_posting{{static_cast<std::uint32_t>(head), static_cast<std::uint32_t>(head >> 32),
+                        zem_var_get_buf(keys, 1)},
+                       zem_var_get_long(ids, 1)};
       host->call(ZEM_SDB_SPLIT_DONE);
     });
   }
@@ -236,18 +330,66 @@ class HostPeerTest : public HostSplitTest {
     return slot == failing ? -5 : 0;
   }
   id_lists ids_of_both() {
-    id_lists all = ids_held();
-    std::swap(table, taken);
-    const id_lists upper = ids_held();
-    std::swap(table, taken);
-    for (std::uint32_t term = 0; term < terms; ++term) {
-      all[term].insert(all[term].end(), upper[term].begin(), upper[term].end());
-      std::sort(all[term].begin(), all[term].end());
-    }
+    id_lists all;
+    for (std::uint32_t word = 0; word < terms; ++word)
+      all.push_back(find_both(word));
     return all;
   }
 
+  using some_postings = std::vector<host_posting>;
+  void change(decltype(zem_sdb_inserts) *verb, const some_postings &here,
+              const some_postings &there) const {
+    for (const auto &[store, some] : {std::pair(table, &here), std::pair(taken, &there)})
+      change_all(verb, *some, store);
+  }
+  // By the ranges that the last split told.
+  void insert_each(const some_postings &some) override {
+    some_postings here, there;
+    {
+      const std::lock_guard locked(boundary_mutex);
+      for (const host_posting &each : some) {
+        const bool upper = boundary && file_key_before(*boundary, {each.term, each.id});
+        (upper ? there : here).push_back(each);
+      }
+    }
+    change(zem_sdb_inserts, here, there);
+  }
+  // What was not routed when its half moved has stayed here.
+  void remove_each(const some_postings &some) override { change(zem_sdb_deletes, some, some); }
+  void remove_for_good(const some_postings &some) override {
+    change(zem_sdb_inserts, some, some);
+    sync_both();
+    remove_each(some);
+  }
+  void sync_both() override {
+    sync();
+    EXPECT_EQ(zem_sdb_sync(sdb.get(), taken), 0);
+  }
+  // First where postings come from, then where they go.
+  std::vector<std::uint64_t> find_both(std::uint32_t word) override {
+    std::set<std::uint64_t> all;
+    for (const std::uint64_t store : {table, taken}) {
+      for (const auto &[id, tag] : query({{.term = {word, 0, 0}}}, store).ids)
+        all.insert(id);
+    }
+    return {all.begin(), all.end()};
+  }
+  void settle() override {
+    for (int i = 0; i < 2; ++i) {
+      HostSplitTest::settle();
+      std::swap(table, taken);
+    }
+  }
+  void reopen_both() override {
+    reopen();
+    EXPECT_EQ(zem_sdb_table_close(sdb.get(), taken), 0);
+    taken = zem_sdb_table_open(sdb.get(), "u");
+    wait_idle();
+  }
+
   static inline HostPeerTest *host = nullptr;
+  std::mutex boundary_mutex;
+  std::optional<file_posting> boundary;  // the greatest key of the last lower half
   std::uint64_t taken = 0;
   bool takes = true;
   std::uint32_t failing = 0;          // the slot that returns a failure
@@ -255,7 +397,23 @@ class HostPeerTest : public HostSplitTest {
   std::vector<std::uint32_t> splits;  // shards
   std::vector<std::uint32_t> ranges;  // shards of the ranges that were told
   std::vector<int> batches;           // their destinations
+
+ private:
+  // Seconds between questions for consent pass in a moment.
+  manual_clock clock;
+  std::atomic<bool> asked = false;
+  std::jthread seconds{[this](const std::stop_token &stop) {
+    for (; !stop.stop_requested(); std::this_thread::sleep_for(std::chrono::milliseconds(1))) {
+      if (asked) clock.advance_ms(1000);
+    }
+  }};
 };
+
+TEST_F(HostPeerTest, ThreadsGoOnThroughSplits) {
+  live_through_splits(*this, 2, 12);
+  EXPECT_THAT(splits.size(), Ge(3));
+  EXPECT_THAT(log.errors(), IsEmpty());
+}
 
 TEST_F(HostPeerTest, AnUpperHalfMovesToThePeer) {
   insert_some();

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <iostream>
+#include <iterator>
 #include <sstream>
 #include <unordered_set>
 
@@ -31,7 +32,7 @@ std::uint64_t sum_of(const postings &all) {
 }
 
 std::uint64_t sum_of(const promise &given) {
-  std::uint64_t sum = given.may_be_new ? 1 : 0;
+  std::uint64_t sum = given.next != nullptr ? sum_of(*given.next) : 0;
   for (const auto &[number, shard] : given.shards)
     sum = mix(mix(mix(sum, shard.model), shard.committed), shard.begun);
   return sum;
@@ -49,6 +50,16 @@ disk_state shards_state(std::uint32_t count) {
   return disk_state::load(directory.path());
 }
 
+disk_state peer_state() {
+  const temp_dir directory;
+  const disk_recorder recorder(directory.path());
+  const std::string beside = directory.path(table_life::peer_name);
+  std::filesystem::create_directory(beside);
+  for (const std::string &each : {directory.path(), beside})
+    make_table(each, {{}});
+  return disk_state::load(directory.path());
+}
+
 std::vector<posting> keys(std::uint32_t word0, std::uint64_t first_id, std::size_t count) {
   std::vector<posting> some;
   for (std::size_t i = 0; i < count; ++i)
@@ -63,9 +74,9 @@ std::vector<posting> terms(std::uint32_t word0, std::uint32_t first, std::uint32
   return some;
 }
 
-void model_shard::begin_with(const posting &p) {
-  dat_.insert(p);
-  sums = {sum_of(p)};
+void model_shard::begin_with(postings all) {
+  sums = {sum_of(all)};
+  dat_ = first_ = std::move(all);
 }
 
 void model_shard::update(const posting &p, bool insert) {
@@ -75,7 +86,9 @@ void model_shard::update(const posting &p, bool insert) {
   } else if (const auto place = log_.find(p); place != log_.end()) {
     place->second = false;  // a delete reaches only what the live log holds
   }
-  sums.push_back(sums.back() ^ (holds(p) != before ? sum_of(p) : 0));
+  const bool turned = holds(p) != before;
+  sums.push_back(sums.back() ^ (turned ? sum_of(p) : 0));
+  turned_.push_back(turned ? std::optional(p) : std::nullopt);
 }
 
 void model_shard::freeze() { frozen_ = std::exchange(log_, {}); }
@@ -90,11 +103,46 @@ void model_shard::merged() {
   }
 }
 
+model_shard model_shard::half(const posting &last_of_lower, bool upper) const {
+  model_shard whole = *this;
+  whole.merged();
+  const auto goes = [&](const posting &p) { return (last_of_lower < p) == upper; };
+  postings all;
+  std::copy_if(whole.dat_.begin(), whole.dat_.end(), std::inserter(all, all.end()), goes);
+  model_shard part;
+  for (const auto &change : log_) {
+    if (!goes(change.first)) continue;
+    part.log_.insert(change);
+    change.second ? void(all.insert(change.first)) : void(all.erase(change.first));
+  }
+  part.begin_with(std::move(all));
+  return part;
+}
+
+void model_shard::rewind(std::size_t updates) {
+  sums.resize(updates + 1);
+  turned_.resize(updates);
+  log_.clear();
+  frozen_.clear();
+  dat_ = first_;
+  for (const std::optional<posting> &p : turned_) {
+    if (p && dat_.erase(*p) == 0) dat_.insert(*p);
+  }
+}
+
 bool model_shard::holds(const posting &p) const {
   for (const log_map *log : {&log_, &frozen_}) {
     if (const auto place = log->find(p); place != log->end()) return place->second;
   }
   return dat_.contains(p);
+}
+
+promise::shard &promise::owner(const posting &p) {
+  shard *found = nullptr;
+  for (auto &[number, one] : shards) {
+    if (!(p < one.after) && (found == nullptr || found->after < one.after)) found = &one;
+  }
+  return *found;
 }
 
 const promise &recording::promised(std::size_t done) const {
@@ -104,6 +152,7 @@ const promise &recording::promised(std::size_t done) const {
 void scripted_life::expect_shards(std::uint32_t count) {
   for (std::uint32_t number = 1; number <= count; ++number) {
     now_.shards[number] = {.model = models_.size()};
+    if (number > 1) now_.shards[number].after = last_of(number - 1);
     models_.emplace_back();
     if (count > 1) models_.back().begin_with(last_of(number));
   }
@@ -132,11 +181,13 @@ void scripted_life::close() {
 }
 
 void scripted_life::clear() {
-  now_.may_be_new = true;
+  const promise cleared{.shards = {{1, {.model = models_.size()}}}, .next = nullptr};
+  models_.emplace_back();
+  now_.next = std::make_shared<promise>(cleared);
   note();
   ASSERT_EQ(zem_table_clear(*table), zem_ok);
-  now_ = {};
-  expect_shards(1);
+  now_ = cleared;
+  note();
 }
 
 void scripted_life::merge() {
@@ -174,9 +225,40 @@ void scripted_life::cancel() {
   zem_shard_merge_cancel(shard);
 }
 
+void scripted_life::split(const std::function<void()> &live, const std::function<void()> &parked) {
+  const std::size_t begun = recorder_->count();
+  note();
+  {
+    const zem_shard &shard = table.shard(1);
+    const zem_read_guard held(shard.lock);
+    if (!zem_shard_frozen(shard)) model_of(1).freeze();
+  }
+  ASSERT_EQ(table.split([&](const std::string &line) {
+    if (line.starts_with("split rest")) live();
+    if (line.starts_with("split notify (0)")) parked();
+  }),
+            zem_ok);
+  ASSERT_FALSE(table.unsplit());
+
+  const zem_shard &low = *table.shards().front();
+  const posting boundary = table_life::last_of(low);
+  const std::uint32_t upper =
+      table.moved_after ? peer_shards + 1 : static_cast<std::uint32_t>(table.shards().back()->id);
+  const model_shard whole = model_of(1);
+  const promise halves{.shards = {{low.id, {.model = models_.size()}},
+                                  {upper, {.model = models_.size() + 1, .after = boundary}}},
+                       .next = nullptr};
+  models_.push_back(whole.half(boundary, false));
+  models_.push_back(whole.half(boundary, true));
+  // Both are whole before the list turns to them, and nothing tells here when it does.
+  for (auto at = promises_.lower_bound(begun); at != promises_.end(); ++at)
+    at->second.next = std::make_shared<promise>(halves);
+  now_ = halves;
+  note();
+}
+
 recording scripted_life::stop() {
   table.kill();
-  models_.emplace_back();
   recording made{recorder_->story(), promises_, models_};
   recorder_.reset();
   return made;
@@ -184,10 +266,9 @@ recording scripted_life::stop() {
 
 void scripted_life::update(const std::vector<posting> &some, bool insert) {
   for (const posting &p : postings(some.begin(), some.end())) {  // a batch goes in key order
-    const auto last = static_cast<std::uint32_t>(now_.shards.size());
-    const std::uint32_t number = std::min(p.term[0] / words_a_shard + 1, last);
-    model_of(number).update(p, insert);
-    now_.shards.at(number).begun = model_of(number).sums.size() - 1;
+    promise::shard &owner = now_.owner(p);
+    models_[owner.model].update(p, insert);
+    owner.begun = models_[owner.model].sums.size() - 1;
   }
   note();
   ASSERT_EQ(table.route(some, insert ? 1 : 0), zem_ok);
@@ -265,16 +346,11 @@ void every_cut(const disk_state &state, std::mt19937_64 &random, const crash_vis
 
 void every_crash(const disk_story &story, std::size_t first,
                  const std::function<void(std::size_t done, const crash &end)> &visit) {
-#ifdef NDEBUG
-  constexpr std::size_t stride = 1;
-#else
-  constexpr std::size_t stride = 3;  // the sanitizers' builds are slow, and see enough with a third
-#endif
   std::mt19937_64 random(seed);
   disk_state state = story.start;
   for (std::size_t done = 0; done <= story.ops.size(); ++done) {
     if (done > 0) state.apply(story.ops[done - 1]);
-    if (done < first || (story.ops.size() - done) % stride != 0) continue;
+    if (done < first || (story.ops.size() - done) % sweep_stride != 0) continue;
     const disk_op *next = done < story.ops.size() ? story.ops[done].get() : nullptr;
     const auto visit_this = [&](const crash &end) { visit(done, end); };
     every_kill(state, next, visit_this);
@@ -307,28 +383,41 @@ shard_sums sums_of(table_life &table) {
   shard_sums sums;
   for (const zem_shard *shard : table.shards())
     sums[shard->id] = sum_of(shard_postings(*shard));
+  for (const zem_shard *shard : table.shards_there())
+    sums[peer_shards + shard->id] = sum_of(shard_postings(*shard));
   return sums;
 }
 
-// Narrows a promise to what the table holds.
-void find(const shard_sums &sums, const std::vector<model_shard> &models, promise &promised) {
-  if (promised.may_be_new && sums == shard_sums{{1, 0}}) {
-    promised = {.shards = {{1, {.model = models.size() - 1}}}};
-    return;
-  }
-  promised.may_be_new = false;
-  ASSERT_EQ(sums.size(), promised.shards.size());
-  for (auto &[number, shard] : promised.shards) {
-    ASSERT_TRUE(sums.contains(number));
+// Narrows a promise to what the tables hold; false when they hold something else.
+bool narrow(const shard_sums &sums, const std::vector<model_shard> &models, promise &promised) {
+  promise found = promised;
+  found.next = nullptr;
+  if (sums.size() != found.shards.size()) return false;
+  for (auto &[number, shard] : found.shards) {
+    if (!sums.contains(number)) return false;
     const std::vector<std::uint64_t> &known = models[shard.model].sums;
-    std::size_t at = shard.begun;
-    while (at > shard.committed && known[at] != sums.at(number))
-      --at;
-    ASSERT_EQ(known[at], sums.at(number))
-        << "shard " << number << " holds no state between its updates " << shard.committed
-        << ", the last committed, and " << shard.begun << ", the last begun";
-    shard.begun = at;
+    while (shard.begun > shard.committed && known[shard.begun] != sums.at(number))
+      --shard.begun;
+    if (known[shard.begun] != sums.at(number)) return false;
   }
+  promised = found;
+  return true;
+}
+
+void find(const shard_sums &sums, const std::vector<model_shard> &models, promise &promised) {
+  if (promised.next != nullptr) {
+    promise next = *promised.next;
+    if (narrow(sums, models, next)) {
+      promised = next;
+      return;
+    }
+  }
+  if (narrow(sums, models, promised)) return;
+  std::ostringstream text;
+  for (const auto &[number, shard] : promised.shards)
+    text << " shard " << number << " between its updates " << shard.committed
+         << ", the last committed, and " << shard.begun << ", the last begun;";
+  FAIL() << "not what is promised:" << text.str() << " shards found: " << sums.size();
 }
 
 void check_lines(table_life &table, const crash &end) {
@@ -338,11 +427,14 @@ void check_lines(table_life &table, const crash &end) {
   }
 }
 
-// Nothing of a merge is left.
-void check_names(const disk_state &state) {
-  for (const std::string &name : state.names()) {
-    EXPECT_EQ(name.find("_m."), std::string::npos) << name;
-    EXPECT_EQ(name.find("_t."), std::string::npos) << name;
+// Nothing of a merge is left. What a split has retired may be: no list names it.
+void check_names(const disk_state &state, const shard_sums &listed) {
+  for (const auto &[number, sum] : listed) {
+    const std::string directory = number < peer_shards ? "" : table_life::peer_name;
+    for (const char *suffix : {zem_suffix::frozen_log, zem_suffix::new_dat, zem_suffix::old_dat}) {
+      const std::string name = zem_shard_fname(directory, number % peer_shards, suffix);
+      EXPECT_EQ(state.find(name), nullptr) << name;
+    }
   }
 }
 
@@ -362,10 +454,10 @@ void judge(const crash &end, const std::vector<model_shard> &models, promise &pr
   ASSERT_EQ(table.open(), zem_ok) << "a second time";
   ASSERT_EQ(table.wait(), zem_yes);
   ASSERT_EQ(sums_of(table), sums) << "a second open finds something else";
-  for (auto &[number, sum] : sums) {
-    const posting extra{{(number - 1) * words_a_shard, 9999, 0}, 1};
-    ASSERT_EQ(table.route({&extra, 1}, 1), zem_ok);
-    sum ^= sum_of(extra);
+  for (const auto &[number, shard] : promised.shards) {
+    const posting extra{{shard.after.term[0], 9999, 0}, 1};
+    ASSERT_GE(table.route({&extra, 1}, 1), zem_ok);
+    sums.at(number) ^= sum_of(extra);
   }
   ASSERT_EQ(table.sync(), zem_ok);
   ASSERT_EQ(table.merge(), zem_yes);
@@ -374,7 +466,7 @@ void judge(const crash &end, const std::vector<model_shard> &models, promise &pr
 
   std::mt19937_64 random(seed);
   const disk_state closed = recorder->state();
-  check_names(closed);
+  check_names(closed, sums);
   recorder.reset();
   const std::vector<bool> none(closed.pending(), false);
   recorder = std::make_unique<disk_recorder>(directory.path(),
@@ -395,9 +487,16 @@ std::string shape(const disk_state &state) {
 
 }  // namespace
 
-void CrashTest::sweep(const char *what, scripted_life &life, bool second_lives) {
+void CrashTest::work_on(scripted_life &life) {
+  life.insert({{{1, 8888, 0}, 1}, {{1, 8888, 0}, 2}});
+  life.sync();
+  life.merge();
+  life.insert({{{1, 8888, 0}, 3}});
+}
+
+void CrashTest::sweep(const char *what, scripted_life &life, const script &second_life) {
   tally total;
-  sweep_recording(life.stop(), second_lives, total);
+  sweep_recording(life.stop(), second_life, total);
   print(what, total);
 }
 
@@ -424,8 +523,8 @@ void CrashTest::print(const char *what, const tally &total) {
             << total.lives << " second lives" << std::endl;
 }
 
-void CrashTest::sweep_recording(const recording &life, bool second_lives, tally &total) {
-  std::mt19937_64 random(seed);
+void CrashTest::sweep_recording(const recording &life, const script &second_life, tally &total) {
+  std::mt19937_64 random(seed + total.lives);
   std::unordered_set<std::uint64_t> seen;
   std::set<std::string> lived;
   total.operations += life.story.ops.size();
@@ -434,13 +533,14 @@ void CrashTest::sweep_recording(const recording &life, bool second_lives, tally 
     ++total.points;
     const promise &promised = life.promised(done);
     if (!seen.insert(mix(end.left.hash(), sum_of(promised))).second) return;
+    if (!second_life && random() % tried_each != 0) return;
     ++total.distinct;
     promise found = promised;
     judge(end, life.models, found);
-    if (!HasFailure() && second_lives &&
+    if (!HasFailure() && second_life &&
         (lived.insert(shape(end.left)).second || random() % lives_each == 0)) {
       ++total.lives;
-      live_on(end, life.models, promised, found, total);
+      live_on(end, life.models, promised, found, second_life, total);
     }
     if (HasFailure())
       std::cout << end.how << " after " << done << " operations\n" << tell(life.story, done);
@@ -449,19 +549,15 @@ void CrashTest::sweep_recording(const recording &life, bool second_lives, tally 
 
 // What was found gets another life, of which every point is a crash again.
 void CrashTest::live_on(const crash &end, std::vector<model_shard> models, const promise &promised,
-                        const promise &found, tally &total) {
+                        const promise &found, const script &second_life, tally &total) {
   for (const auto &[number, shard] : found.shards)
-    models[shard.model].sums.resize(shard.begun + 1);
+    models[shard.model].rewind(shard.begun);
   scripted_life life(end.left);
-  // Before it was opened, a new table may still turn out to be the one that was being cleared.
-  const bool found_new =
-      promised.may_be_new && found.shards.begin()->second.model == models.size() - 1;
-  life.expect(found_new ? promised : found, models);
+  // Before it was opened, a table may still turn out to be as before the clear or the split.
+  const bool turned = found.shards.begin()->second.model != promised.shards.begin()->second.model;
+  life.expect(turned ? promised : found, models);
   life.open();
   life.expect(found, models);
-  life.insert({{{1, 8888, 0}, 1}, {{1, 8888, 0}, 2}});
-  life.sync();
-  life.merge();
-  life.insert({{{1, 8888, 0}, 3}});
-  sweep_recording(life.stop(), false, total);
+  second_life(life);
+  sweep_recording(life.stop(), nullptr, total);
 }

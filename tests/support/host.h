@@ -163,21 +163,21 @@ class HostTest : public ::testing::Test {
   void remove(const host_term &term, std::uint64_t id) const {
     EXPECT_EQ(zem_sdb_delete(sdb.get(), table, id, host_head(term), term[2]), 0);
   }
-  void change_all(decltype(zem_sdb_inserts) *verb,
-                  const std::vector<host_posting> &postings) const {
+  void change_all(decltype(zem_sdb_inserts) *verb, const std::vector<host_posting> &postings,
+                  std::uint64_t store) const {
     const host_list ids = host_longs({}), heads = host_longs({}), thirds = host_longs({});
     for (const host_posting &posting : postings) {
       zem_var_add_long(ids.get(), posting.id);
       zem_var_add_long(heads.get(), host_head(posting.term));
       zem_var_add_integer(thirds.get(), posting.term[2]);
     }
-    EXPECT_EQ(verb(sdb.get(), table, ids.get(), heads.get(), thirds.get()), 0);
+    EXPECT_EQ(verb(sdb.get(), store, ids.get(), heads.get(), thirds.get()), 0);
   }
   void insert_all(const std::vector<host_posting> &some) const {
-    change_all(zem_sdb_inserts, some);
+    change_all(zem_sdb_inserts, some, table);
   }
   void remove_all(const std::vector<host_posting> &some) const {
-    change_all(zem_sdb_deletes, some);
+    change_all(zem_sdb_deletes, some, table);
   }
   void sync() const { EXPECT_EQ(zem_sdb_sync(sdb.get(), table), 0); }
   void wait_idle() const { EXPECT_EQ(zem_sdb_wait(sdb.get(), table, 120'000), 1); }
@@ -210,7 +210,8 @@ class HostTest : public ::testing::Test {
   }
 
   // Expects no id twice in the answer, and nothing else.
-  host_answer query(const std::vector<host_item> &items) const {
+  host_answer query(const std::vector<host_item> &items) const { return query(items, table); }
+  host_answer query(const std::vector<host_item> &items, std::uint64_t store) const {
     const host_list heads(zem_var_new(0, 1)), thirds(zem_var_new(0, 1)), ids(zem_var_new(0, 1));
     for (const host_item &item : items) {
       zem_var_add_long(heads.get(), host_head(item.term));
@@ -219,7 +220,7 @@ class HostTest : public ::testing::Test {
       zem_var_set_buf(thirds.get(), -1, item.span2);
     }
     host_answer answer;
-    answer.status = zem_sdb_query(sdb.get(), table, heads.get(), thirds.get(), ids.get());
+    answer.status = zem_sdb_query(sdb.get(), store, heads.get(), thirds.get(), ids.get());
     const std::uint64_t *values = nullptr;
     const std::uint32_t *tags = nullptr;
     const std::int64_t found = zem_var_longs(ids.get(), &values, &tags);
