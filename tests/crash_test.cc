@@ -11,7 +11,6 @@
 
 namespace {
 
-
 // The state after all operations.
 disk_state end_of(const disk_story &story) {
   disk_state state = story.start;

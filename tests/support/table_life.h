@@ -324,10 +324,10 @@ class table_life {
         ZEM_SDB_SPLIT_OPEN, [](const char *, std::uint32_t, std::uint64_t *peer, std::uint64_t *) {
           *peer = splitting_->peer_ != nullptr && !splitting_->moved_after ? 1 : 0;
         });
-    fill<zem_sdb_peer_load>(ZEM_SDB_PEER_LOAD,
-                            [](std::uint64_t, std::uint64_t, std::uint64_t *, std::uint32_t *) {
-                              return call(ZEM_SDB_PEER_LOAD, zem_table_clear);
-                            });
+    fill<zem_sdb_peer_load>(
+        ZEM_SDB_PEER_LOAD, [](std::uint64_t, std::uint64_t, std::uint64_t *, std::uint32_t *) {
+          return call(ZEM_SDB_PEER_LOAD, [](zem_table &table) { return zem_table_clear(table); });
+        });
     fill<zem_sdb_peer_batch>(
         ZEM_SDB_PEER_BATCH, [](std::uint64_t, std::uint64_t, zem_doc *batch, int) {
           return call(ZEM_SDB_PEER_BATCH,
