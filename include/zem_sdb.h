@@ -1,4 +1,5 @@
-/* sdb: sharded, log-structured inverted indexes on local disk, embedded in your program.
+/** @file
+ * sdb: sharded, log-structured inverted indexes on local disk, embedded in your program.
  *
  * A database (zem_sdb) is a directory; each of its subdirectories is a table. A table maps terms to
  * document ids: a term is three unsigned 32-bit words, a document id is an unsigned 64-bit number,
@@ -50,35 +51,35 @@ extern "C" {
 
 /* ---- error codes ---------------------------------------------------------------------------- */
 enum {
-  ZEM_SDB_E_NAME = -901,     /* table name in the wrong state: exists, is unknown, or is in use */
-  ZEM_SDB_E_HANDLE = -902,   /* unknown handle: never issued, or closed */
-  ZEM_SDB_E_CLOSED = -903,   /* table not open: it is being cleared or closed */
-  ZEM_SDB_E_SHARD = -904,    /* no such shard, or the table has none */
-  ZEM_SDB_E_CHECKSUM = -905, /* block checksum mismatch: a file is damaged */
-  ZEM_SDB_E_KIND = -906      /* wrong block kind: a file is damaged */
+  ZEM_SDB_E_NAME = -901,     /**< table name in the wrong state: exists, is unknown, or is in use */
+  ZEM_SDB_E_HANDLE = -902,   /**< unknown handle: never issued, or closed */
+  ZEM_SDB_E_CLOSED = -903,   /**< table not open: it is being cleared or closed */
+  ZEM_SDB_E_SHARD = -904,    /**< no such shard, or the table has none */
+  ZEM_SDB_E_CHECKSUM = -905, /**< block checksum mismatch: a file is damaged */
+  ZEM_SDB_E_KIND = -906      /**< wrong block kind: a file is damaged */
 };
 
 /* ---- records, all opaque to the host -------------------------------------------------------- */
-typedef struct zem_sdb zem_sdb;               /* a database */
-typedef struct zem_doc zem_doc;               /* a document batch */
-typedef struct zem_keys zem_keys;             /* a key list */
-typedef struct zem_var zem_var;               /* a value list, or one string value */
-typedef struct zem_xvars zem_xvars;           /* a list of value lists */
-typedef struct zem_err zem_err;               /* an error log */
-typedef struct zem_xtree_node zem_xtree_node; /* a position in a document batch */
+typedef struct zem_sdb zem_sdb;               /**< a database */
+typedef struct zem_doc zem_doc;               /**< a document batch */
+typedef struct zem_keys zem_keys;             /**< a key list */
+typedef struct zem_var zem_var;               /**< a value list, or one string value */
+typedef struct zem_xvars zem_xvars;           /**< a list of value lists */
+typedef struct zem_err zem_err;               /**< an error log */
+typedef struct zem_xtree_node zem_xtree_node; /**< a position in a document batch */
 
 /* ---- error log ------------------------------------------------------------------------------ */
 
-/* Receives the library's messages. level: -1 for an information line, else the level given by the
+/** Receives the library's messages. level: -1 for an information line, else the level given by the
  * caller (the library passes 0). line: NUL-terminated, without a line end, valid during the call.
  * Called from any thread, one call at a time per log. */
 typedef void (*zem_err_sink)(void *context, int level, const char *line);
 
-/* A log that hands its lines to `sink` with `context`. Null when memory is short. The host frees it
+/** A log that hands its lines to `sink` with `context`. Null when memory is short. The host frees it
  * after every database that uses it. */
 zem_err *zem_err_new(zem_err_sink sink, void *context);
 void zem_err_free(zem_err *log);
-/* Writes one line built from a printf format. A null log takes the line and drops it. */
+/** Writes one line built from a printf format. A null log takes the line and drops it. */
 void zem_err_log(zem_err *log, int level, const char *format, ...);
 void zem_err_info(zem_err *log, const char *format, ...);
 
@@ -89,61 +90,61 @@ void zem_err_info(zem_err *log, const char *format, ...);
  * last item; for the two string functions it means the list's own string value. Reading past the
  * end gives 0; setting past the end does nothing. */
 
-/* capacity: room reserved at once. tagged: 1 when items carry tags. Null when memory is short. The
+/** capacity: room reserved at once. tagged: 1 when items carry tags. Null when memory is short. The
  * caller frees the list. */
 zem_var *zem_var_new(int64_t capacity, int tagged);
 void zem_var_free(zem_var *list);
-int64_t zem_var_size(const zem_var *list);        /* number of items */
-void zem_var_shrink(zem_var *list, int64_t size); /* keeps the first `size` items; 0 empties */
-/* Append one item; 1 when appended, 0 when memory is short. */
+int64_t zem_var_size(const zem_var *list);        /**< number of items */
+void zem_var_shrink(zem_var *list, int64_t size); /**< keeps the first `size` items; 0 empties */
+/** Append one item; 1 when appended, 0 when memory is short. */
 int zem_var_add_long(zem_var *list, uint64_t value);
 int zem_var_add_integer(zem_var *list, uint32_t value);
-int zem_var_add_string(zem_var *list, const char *text, int64_t length); /* -1: NUL-terminated */
+int zem_var_add_string(zem_var *list, const char *text, int64_t length); /**< -1: NUL-terminated */
 uint64_t zem_var_get_long(const zem_var *list, int64_t index);
 uint32_t zem_var_get_integer(const zem_var *list, int64_t index);
-/* 1 and the text, which belongs to the list and is valid until it changes; 0 when there is none. */
+/** 1 and the text, which belongs to the list and is valid until it changes; 0 when there is none. */
 int zem_var_get_string(const zem_var *list, int64_t index, const char **text, int64_t *length);
 int zem_var_set_string(zem_var *list, int64_t index, const char *text, int64_t length);
-uint32_t zem_var_get_buf(const zem_var *list, int64_t index);    /* the item's tag */
-int zem_var_set_buf(zem_var *list, int64_t index, uint32_t tag); /* 1 set, 0 not */
-/* The items of a list of numbers as they lie in memory, for reading whole results at once; tags is
+uint32_t zem_var_get_buf(const zem_var *list, int64_t index);    /**< the item's tag */
+int zem_var_set_buf(zem_var *list, int64_t index, uint32_t tag); /**< 1 set, 0 not */
+/** The items of a list of numbers as they lie in memory, for reading whole results at once; tags is
  * null for a list without tags. Valid until the list changes. Returns the number of items. */
 int64_t zem_var_longs(const zem_var *list, const uint64_t **values, const uint32_t **tags);
 
 /* A list of value lists, which the library fills. */
-zem_xvars *zem_xvars_new(void); /* null when memory is short; the caller frees it */
+zem_xvars *zem_xvars_new(void); /**< null when memory is short; the caller frees it */
 void zem_xvars_free(zem_xvars *lists);
 int64_t zem_xvars_size(const zem_xvars *lists);
-/* One of the lists, -1 the last; null past the end. Belongs to `lists`, valid until these change. */
+/** One of the lists, -1 the last; null past the end. Belongs to `lists`, valid until these change. */
 const zem_var *zem_xvars_get(const zem_xvars *lists, int64_t index);
-void zem_xvars_shrink(zem_xvars *lists, int64_t size); /* keeps the first `size` lists; 0 empties */
+void zem_xvars_shrink(zem_xvars *lists, int64_t size); /**< keeps the first `size`; 0 empties */
 
 /* ---- database and tables -------------------------------------------------------------------- */
 
-/* Opens the database rooted at the directory `root`, registering each subdirectory as a table; no
+/** Opens the database rooted at the directory `root`, registering each subdirectory as a table; no
  * table is opened yet. A root that does not exist is a database without tables. log: receives all
  * messages; may be null; must outlive the database. Null when memory is short or `root` is null. */
 zem_sdb *zem_sdb_new(const char *root, zem_err *log);
-/* Closes every table handle as zem_sdb_table_close does, then releases the database. No other
+/** Closes every table handle as zem_sdb_table_close does, then releases the database. No other
  * thread may be inside a call on it, or begin one. */
 void zem_sdb_free(zem_sdb *sdb);
 
-/* Creates a table: a directory with a settings file "sdb.xml" of default values, durable on return.
+/** Creates a table: a directory with a settings file "sdb.xml" of default values, durable on return.
  * Errors: ZEM_SDB_E_NAME when the name is registered; -EINVAL for a name that is empty, ".", "..",
  * or holds "/" or a control character; -ENOENT when the root does not exist; or the file system's. */
 int32_t zem_sdb_table_create(zem_sdb *sdb, const char *name);
-/* Removes a table with all its files. Errors: ZEM_SDB_E_NAME when the name is unknown, or when the
+/** Removes a table with all its files. Errors: ZEM_SDB_E_NAME when the name is unknown, or when the
  * table is open here or in another process; or the file system's. */
 int32_t zem_sdb_table_drop(zem_sdb *sdb, const char *name);
-/* Empties `names` and fills it with one text per table, in no particular order. */
+/** Empties `names` and fills it with one text per table, in no particular order. */
 void zem_sdb_table_list(zem_sdb *sdb, zem_var *names);
-/* Opens a table and returns a handle; 0 when the name is unknown, or the table is open elsewhere or
+/** Opens a table and returns a handle; 0 when the name is unknown, or the table is open elsewhere or
  * memory is short (the log then says which). A table may be opened any number of times; each handle
  * is closed on its own. The first open reads the table's settings, repairs what a crash left and
  * loads every shard; a failure to open a shard is reported in the log, and the table then holds no
  * shard: queries find nothing and updates fail with ZEM_SDB_E_SHARD. */
 uint64_t zem_sdb_table_open(zem_sdb *sdb, const char *name);
-/* Gives a handle back. The last one waits for calls in progress on the table, routes the pending
+/** Gives a handle back. The last one waits for calls in progress on the table, routes the pending
  * batch, commits and closes every shard, and returns the first failure of that (logged as "close
  * error: %d"); the table is closed all the same. Errors: ZEM_SDB_E_HANDLE. */
 int32_t zem_sdb_table_close(zem_sdb *sdb, uint64_t table);
@@ -184,7 +185,7 @@ enum {
   ZEM_SDB_PEER_COMMIT = 9
 };
 
-typedef void (*zem_sdb_function)(void); /* cast one of the nine below to this */
+typedef void (*zem_sdb_function)(void); /**< cast one of the nine below to this */
 
 typedef void (*zem_sdb_split_open)(const char *table, uint32_t shard, uint64_t *peer,
                                    uint64_t *target);
@@ -201,7 +202,7 @@ typedef int32_t (*zem_sdb_peer_batch)(uint64_t peer, uint64_t load, zem_doc *bat
                                       int destination);
 typedef int32_t (*zem_sdb_peer_commit)(uint64_t peer, uint64_t load, int destination);
 
-/* Stores `function` in a slot from 1 to 9 in place of what it held; null empties the slot. Other
+/** Stores `function` in a slot from 1 to 9 in place of what it held; null empties the slot. Other
  * slot numbers are ignored. */
 void zem_sdb_callback(zem_sdb *sdb, uint32_t slot, zem_sdb_function function);
 
@@ -216,41 +217,41 @@ void zem_sdb_callback(zem_sdb *sdb, uint32_t slot, zem_sdb_function function);
  * `commit_time` milliseconds. */
 
 int32_t zem_sdb_insert(zem_sdb *sdb, uint64_t table, uint64_t id, uint64_t head, uint32_t third);
-/* One posting per position, as far as the shortest of the three lists reaches. */
+/** One posting per position, as far as the shortest of the three lists reaches. */
 int32_t zem_sdb_inserts(zem_sdb *sdb, uint64_t table, const zem_var *ids, const zem_var *heads,
                         const zem_var *thirds);
 int32_t zem_sdb_delete(zem_sdb *sdb, uint64_t table, uint64_t id, uint64_t head, uint32_t third);
 int32_t zem_sdb_deletes(zem_sdb *sdb, uint64_t table, const zem_var *ids, const zem_var *heads,
                         const zem_var *thirds);
-/* Without `keys` (null): adds the batch to the pending batch, whose count rises by the batch's own
+/** Without `keys` (null): adds the batch to the pending batch, whose count rises by the batch's own
  * count. With `keys`: routes the batch at once and appends, for each shard whose high key grew, the
  * new high key and the shard's number. The host keeps its batch in both cases. */
 int32_t zem_sdb_update(zem_sdb *sdb, uint64_t table, zem_doc *batch, zem_keys *keys);
-/* Routes the pending batch and has the workers make every changed log durable. */
+/** Routes the pending batch and has the workers make every changed log durable. */
 int32_t zem_sdb_commit(zem_sdb *sdb, uint64_t table);
-/* Routes the pending batch and has the workers merge every idle shard. */
+/** Routes the pending batch and has the workers merge every idle shard. */
 int32_t zem_sdb_merge(zem_sdb *sdb, uint64_t table);
-/* Empties the table: waits for calls and work in progress, removes every shard and starts shard 1
+/** Empties the table: waits for calls and work in progress, removes every shard and starts shard 1
  * anew. The pending batch stays and goes to the new shard. */
 int32_t zem_sdb_table_clear(zem_sdb *sdb, uint64_t table);
 
 /* ---- reading -------------------------------------------------------------------------------- */
 
-/* Totals over all shards: an estimate of the distinct terms, postings recorded, bytes of files,
+/** Totals over all shards: an estimate of the distinct terms, postings recorded, bytes of files,
  * bytes of memory in the shards' maps. All four are 0 after a failure. Errors: ZEM_SDB_E_HANDLE,
  * ZEM_SDB_E_CLOSED. */
 int32_t zem_sdb_table_count(zem_sdb *sdb, uint64_t table, uint64_t *count, uint64_t *xcount,
                             uint64_t *fsize, uint64_t *msize);
-/* Finds the document ids under terms. heads and thirds are parallel: item i is a term; the tags are
+/** Finds the document ids under terms. heads and thirds are parallel: item i is a term; the tags are
  * its spans, which make the range from the term to (word 0 + span, word 1 + span, word 2 + span),
  * in unsigned 32-bit sums, the first tag counting for words 0 and 1. Appends to `ids` each id
  * found, once, tagged (in a tagged list) with the number of items that found it. After a failure
  * `ids` holds what was found before it. Errors: also ZEM_SDB_E_CHECKSUM, ZEM_SDB_E_KIND. */
 int32_t zem_sdb_query(zem_sdb *sdb, uint64_t table, const zem_var *heads, const zem_var *thirds,
                       zem_var *ids);
-/* Appends one row per shard, in the order of their numbers: high key and number. */
+/** Appends one row per shard, in the order of their numbers: high key and number. */
 int32_t zem_sdb_shards(zem_sdb *sdb, uint64_t table, zem_keys *keys);
-/* Terms in a shard's log and in its data file. Errors: also ZEM_SDB_E_SHARD, both outputs 0. */
+/** Terms in a shard's log and in its data file. Errors: also ZEM_SDB_E_SHARD, both outputs 0. */
 int32_t zem_sdb_key_count(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t *log_count,
                           uint64_t *dat_count);
 
@@ -258,13 +259,13 @@ int32_t zem_sdb_key_count(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t
  * running merge has set aside is in neither. In each of them, terms are numbered from 0 in key order.
  * For people and tools: a query is the way to a table's answers. */
 
-/* Finds the shard whose range holds a term, and the term's number among those of its log (data file),
+/** Finds the shard whose range holds a term, and the term's number among those of its log (data file),
  * or that of the first term behind it; all ones where there is neither. Errors: ZEM_SDB_E_HANDLE and
  * ZEM_SDB_E_CLOSED, both with the outputs untouched; ZEM_SDB_E_SHARD; dat: also ZEM_SDB_E_CHECKSUM,
  * ZEM_SDB_E_KIND. */
 int32_t zem_sdb_log_find(zem_sdb *sdb, uint64_t table, uint64_t head, uint32_t third,
                          uint32_t *shard, uint64_t *position);
-/* Lists terms from number `first` on: at most `limit` of them, or all when that is 0 or less. Appends
+/** Lists terms from number `first` on: at most `limit` of them, or all when that is 0 or less. Appends
  * one item per term to `heads` and `thirds` and, after emptying it, to `ids`. The tag of a third word
  * (in a tagged list) is the number of the term's postings, and its list in `ids` holds the newest of
  * their doc ids, at most 11. A term whose newest posting the log marks as deleted counts towards
@@ -272,7 +273,7 @@ int32_t zem_sdb_log_find(zem_sdb *sdb, uint64_t table, uint64_t head, uint32_t t
  * follow; 0: none does. Errors: as above; the last term listed may then lack its ids. */
 int32_t zem_sdb_log_keys(zem_sdb *sdb, uint64_t table, uint32_t shard, int64_t first, int64_t limit,
                          zem_var *heads, zem_var *thirds, zem_xvars *ids);
-/* Lists the doc ids of a term, newest first, deleted ones of a log included: passes over `offset` of
+/** Lists the doc ids of a term, newest first, deleted ones of a log included: passes over `offset` of
  * them and takes at most `limit`, or all when that is 0 or less. `ids` is emptied first. 1: the term is
  * there; 0: it is not. Errors: as above. */
 int32_t zem_sdb_log_ids(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t head, uint32_t third,
@@ -286,14 +287,14 @@ int32_t zem_sdb_dat_ids(zem_sdb *sdb, uint64_t table, uint32_t shard, uint64_t h
 
 /* ---- for hosts that want to wait, and for messages ------------------------------------------ */
 
-/* Routes the pending batch and makes every shard's log durable before it returns. */
+/** Routes the pending batch and makes every shard's log durable before it returns. */
 int32_t zem_sdb_sync(zem_sdb *sdb, uint64_t table);
-/* Waits at most `millis` until no commit, merge or split of the table is queued or running; a merge
+/** Waits at most `millis` until no commit, merge or split of the table is queued or running; a merge
  * that sits out the pause after a failure does not count. 1: idle; 0: time is up. */
 int32_t zem_sdb_wait(zem_sdb *sdb, uint64_t table, uint32_t millis);
-/* Words for any result of the library. A constant text. */
+/** Words for any result of the library. A constant text. */
 const char *zem_sdb_error(int32_t code);
-const char *zem_sdb_version(void); /* "major.minor.patch" */
+const char *zem_sdb_version(void); /**< "major.minor.patch" */
 
 /* ---- bulk loading --------------------------------------------------------------------------- */
 
@@ -313,21 +314,21 @@ const char *zem_sdb_version(void); /* "major.minor.patch" */
  * cleared, or the failure of a file. A clear and the last close of the table cancel its loads. A load
  * belongs to one thread at a time. */
 
-/* Begins a load; stores its handle and the number of its shard. Errors: ZEM_SDB_E_HANDLE for the table;
+/** Begins a load; stores its handle and the number of its shard. Errors: ZEM_SDB_E_HANDLE for the table;
  * ZEM_SDB_E_SHARD when the table did not open a listed shard. */
 int32_t zem_sdb_exec_open(zem_sdb *sdb, uint64_t table, uint64_t *load, uint32_t *shard);
-/* Adds a batch, which stays the host's. Data: -EINVAL, with nothing added, for a batch that begins before
+/** Adds a batch, which stays the host's. Data: -EINVAL, with nothing added, for a batch that begins before
  * the end of the one before; the posting that that one ended with may come again. After another failure
  * the same batch may be given again. Log: 1 when the last posting raised the load's greatest key, else 0;
  * repeating a batch changes nothing. */
 int32_t zem_sdb_exec_load(zem_sdb *sdb, uint64_t load, zem_doc *batch, int to_data);
-/* Completes a destination durably. Loading may go on after it. */
+/** Completes a destination durably. Loading may go on after it. */
 int32_t zem_sdb_exec_commit(zem_sdb *sdb, uint64_t load, int to_data);
-/* Commits what was not and hands the shard to the table, holding up updates for a moment; stores the
+/** Commits what was not and hands the shard to the table, holding up updates for a moment; stores the
  * shard's greatest key. Durable on return. After a failure (-EBUSY: updates in progress did not end within
  * 300 s) nothing has changed and the load is still open. */
 int32_t zem_sdb_exec_close(zem_sdb *sdb, uint64_t load, uint64_t *id, uint32_t term[3]);
-/* Gives a load up and removes what was loaded. A lent shard's log into which others have written meanwhile
+/** Gives a load up and removes what was loaded. A lent shard's log into which others have written meanwhile
  * keeps the loaded postings too. */
 int32_t zem_sdb_exec_cancel(zem_sdb *sdb, uint64_t load);
 
@@ -335,21 +336,21 @@ int32_t zem_sdb_exec_cancel(zem_sdb *sdb, uint64_t load);
 
 /* A batch is a set of changes of postings, in key order, each posting at most once: the first
  * change given stays. */
-zem_doc *zem_sdb_doc_new(void); /* null when memory is short; the caller frees it */
+zem_doc *zem_sdb_doc_new(void); /**< null when memory is short; the caller frees it */
 void zem_sdb_doc_free(zem_doc *batch);
-/* which 1: `count`, postings counted towards `commit_num`; 2: `time`, Unix seconds of the last
+/** which 1: `count`, postings counted towards `commit_num`; 2: `time`, Unix seconds of the last
  * load; anything else gives 0 and sets nothing. */
 uint32_t zem_sdb_doc_get_val(const zem_doc *batch, int which);
 void zem_sdb_doc_set_val(zem_doc *batch, int which, uint32_t value);
-/* flag: nonzero inserts, 0 deletes. 1 added, 0 when the posting was there already, negative when
+/** flag: nonzero inserts, 0 deletes. 1 added, 0 when the posting was there already, negative when
  * memory is short. Leaves count and time alone. */
 int zem_sdb_doc_add(zem_doc *batch, uint64_t id, const uint32_t term[3], uint32_t flag);
 void zem_sdb_doc_clear(zem_doc *batch);
-/* Walks a batch: node = iter(batch); while (node) node = next(batch, node, &id, term, &flag). */
+/** Walks a batch: node = iter(batch); while (node) node = next(batch, node, &id, term, &flag). */
 zem_xtree_node *zem_sdb_doc_iter(const zem_doc *batch);
 zem_xtree_node *zem_sdb_doc_next(const zem_doc *batch, zem_xtree_node *node, uint64_t *id,
                                  uint32_t term[3], uint32_t *flag);
-/* The batch's stream form to and from the string value of `out` or `in`. Loading adds to what the
+/** The batch's stream form to and from the string value of `out` or `in`. Loading adds to what the
  * batch holds, replaces its count, and stops where the stream ends or makes no sense. */
 void zem_sdb_doc_dumps(const zem_doc *batch, zem_var *out);
 void zem_sdb_doc_loads(zem_doc *batch, const zem_var *in);
@@ -358,16 +359,16 @@ void zem_sdb_doc_loads(zem_doc *batch, const zem_var *in);
 
 /* Rows of (document id, term, attribute). In lists that the library fills, the attribute is a shard
  * number; zem_sdb_keys_sid lets the host put a 16-bit number of its own in the upper half. */
-zem_keys *zem_sdb_keys_new(void); /* null when memory is short; the caller frees it */
+zem_keys *zem_sdb_keys_new(void); /**< null when memory is short; the caller frees it */
 void zem_sdb_keys_free(zem_keys *keys);
-/* 1 appended, 0 for a null argument, negative when memory is short. */
+/** 1 appended, 0 for a null argument, negative when memory is short. */
 int zem_sdb_keys_add(zem_keys *keys, uint64_t id, const uint32_t term[3], uint32_t attribute);
 void zem_sdb_keys_clear(zem_keys *keys);
 int64_t zem_sdb_keys_size(const zem_keys *keys);
-/* Reads a row and returns its attribute; an index out of range gives 0 and writes nothing. */
+/** Reads a row and returns its attribute; an index out of range gives 0 and writes nothing. */
 uint32_t zem_sdb_keys_fetch(const zem_keys *keys, int64_t index, uint64_t *id, uint32_t term[3],
                             uint32_t *attribute);
-/* Makes the attribute (sid << 16) | (attribute & 0xffff). 1 done, 0 for an index out of range. */
+/** Makes the attribute (sid << 16) | (attribute & 0xffff). 1 done, 0 for an index out of range. */
 int zem_sdb_keys_sid(zem_keys *keys, int64_t index, uint16_t sid);
 
 #pragma GCC visibility pop
