@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# The one command before a commit: format, layers, clang-tidy, and the tests as released, under the
-# address and undefined-behaviour sanitizers, and under the thread sanitizer; the last of these is
-# built by Clang, with its analysis of locks, all others by GCC. Stops at the first step that fails.
+# The one command before a commit: format, layers, API reference and manual pages, clang-tidy, and the
+# tests as released, under the address and undefined-behaviour sanitizers, and under the thread
+# sanitizer; the last of these is built by Clang, with its analysis of locks, all others by GCC. Stops
+# at the first step that fails.
 #
 #   scripts/check.sh                 all steps
 #   scripts/check.sh format asan     these, in this order
@@ -10,7 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all_steps=(format layers release tidy asan tsan)
+all_steps=(format layers docs release tidy asan tsan)
 jobs=$(nproc)
 
 sources() { # of the given folders, ended by NUL
@@ -33,6 +34,8 @@ step_format() {
 }
 
 step_layers() { scripts/layers; }
+
+step_docs() { scripts/docs.sh; }
 
 step_release() { build_and_test release; }
 

@@ -7,6 +7,8 @@ set -euo pipefail
 packages=(
   # compilers, build, checks
   g++ clang libclang-rt-14-dev clang-format clang-tidy cmake ninja-build pkg-config git python3
+  # the API reference and the manual pages
+  doxygen mandoc
   # the library's tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev
   # the stores that we are measured beside

@@ -5,8 +5,7 @@
 #include <memory>
 #include <set>
 #include <string>
-
-#include "include/zem_sdb.h"
+#include <zem_sdb.h>
 
 struct deleter {
   void operator()(zem_var *list) const { zem_var_free(list); }
