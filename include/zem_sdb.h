@@ -211,7 +211,9 @@ typedef int32_t (*zem_sdb_peer_load)(uint64_t peer, uint64_t target, uint64_t *l
  * copies. */
 typedef int32_t (*zem_sdb_peer_close)(uint64_t peer, uint64_t load, uint64_t *id, uint32_t term[3]);
 /** Changes for the peer, up to `commit_num` of them: destination 1, the half's data, in key order;
- * destination 0, later inserts and deletes. `batch` is valid during the call. */
+ * destination 0, later inserts and deletes. Within one batch the first change of a posting stays, so an
+ * insert and a delete of it that come soon after one another reach the peer as the insert. `batch` is
+ * valid during the call. */
 typedef int32_t (*zem_sdb_peer_batch)(uint64_t peer, uint64_t load, zem_doc *batch,
                                       int destination);
 /** A destination is complete: the peer makes it durable. */
