@@ -159,6 +159,16 @@ zem_status zem_shard_split(const zem_shard &shard, zem_pipe &pipe, zem_shard &lo
   return sink.finish();
 }
 
+namespace {
+
+// What the new logs hold by now is synced while writers go on, and no more in the parked pass.
+zem_status sync_early(const zem_pipe &pipe, zem_shard &low) ZEM_UNCHECKED_LOCKS {
+  if (zem_status st = zem_spm_commit(low.log); st < 0) return st;
+  return pipe.shard != nullptr ? zem_spm_commit(pipe.shard->log) : zem_ok;
+}
+
+}  // namespace
+
 zem_status zem_shard_split_x(const zem_shard &shard, zem_pipe &pipe, zem_shard &low) {
   log_sink sink{.low = low, .pipe = pipe};
   const auto block = std::make_unique<zem_spm_buf>();
@@ -168,7 +178,8 @@ zem_status zem_shard_split_x(const zem_shard &shard, zem_pipe &pipe, zem_shard &
         zem_stream_get_word(&block->bytes[zem_spm_format::posting_count_at]);
     if (zem_status st = zem_shard_split_blk(block->bytes, postings, sink); st < 0) return st;
   }
-  return zem_shard_split_blk(shard.log.buf->bytes, shard.log.blk_recs, sink);
+  const zem_status st = zem_shard_split_blk(shard.log.buf->bytes, shard.log.blk_recs, sink);
+  return st < 0 ? st : sync_early(pipe, low);
 }
 
 zem_status zem_shard_split_m(const zem_shard &shard, zem_pipe &pipe, zem_shard &low) {
