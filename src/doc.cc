@@ -18,7 +18,7 @@ void zem_doc_swap(zem_doc &a, zem_doc &b) noexcept {
 }
 
 void zem_doc_clear(zem_doc &doc) noexcept {
-  zem_xtree_free_all(doc.tree);
+  zem_xtree_clear(doc.tree);
   doc.count = 0;
   doc.time = 0;
 }

@@ -112,7 +112,9 @@ struct zem_spm_sync {
   std::uint64_t written = 0;  // the changes to make durable
 };
 
-inline constexpr std::size_t zem_spm_pool_units = 65536;  // records a block of the map's pools
+// Records a block of the map's pools: the nodes and the entries of one block fill a huge page each.
+inline constexpr std::size_t zem_spm_pool_units =
+    (std::size_t{2} << 20) / sizeof(zem_xnode<zem_spm_val>);
 
 // A shard owns two, the live log and the frozen one.
 struct zem_spm {

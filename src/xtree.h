@@ -74,9 +74,10 @@ struct zem_xentry {
 
 template <class Value>
 struct zem_xtree {
-  // An entry holds 16 items or more, so a sixteenth as many a block keep pace with the nodes.
+  // An entry holds 16 items or more, as a rule more than 20, so a twentieth as many a block keep pace
+  // with the nodes.
   explicit zem_xtree(std::size_t units_a_block)
-      : entry_pool(units_a_block < 16 ? 1 : units_a_block / 16),
+      : entry_pool(units_a_block < 20 ? 1 : units_a_block / 20),
         node_pool(units_a_block),
         value_pool(units_a_block) {}
 
@@ -115,6 +116,10 @@ zem_xnode<Value> *zem_xtree_node_last(const zem_xtree<Value> &tree) noexcept;
 // Empties the tree and gives the pools' blocks back. It stays usable.
 template <class Value>
 void zem_xtree_free_all(zem_xtree<Value> &tree) noexcept;
+
+// Empties the tree and keeps a block of each pool, for one that is about to be filled again.
+template <class Value>
+void zem_xtree_clear(zem_xtree<Value> &tree) noexcept;
 
 // Exchanges all contents. Nodes and values stay where they are.
 template <class Value>
@@ -329,13 +334,23 @@ zem_xnode<Value> *zem_xtree_node_last(const zem_xtree<Value> &tree) noexcept {
 }
 
 template <class Value>
-void zem_xtree_free_all(zem_xtree<Value> &tree) noexcept {
-  zem_pool_term(tree.entry_pool);
-  zem_pool_term(tree.node_pool);
-  zem_pool_term(tree.value_pool);
+void zem_xtree_shrink(zem_xtree<Value> &tree, std::size_t kept_blocks) noexcept {
+  zem_pool_shrink(tree.entry_pool, kept_blocks);
+  zem_pool_shrink(tree.node_pool, kept_blocks);
+  zem_pool_shrink(tree.value_pool, kept_blocks);
   tree.root = nullptr;
   tree.finger = nullptr;
   tree.count = 0;
+}
+
+template <class Value>
+void zem_xtree_free_all(zem_xtree<Value> &tree) noexcept {
+  zem_xtree_shrink(tree, 0);
+}
+
+template <class Value>
+void zem_xtree_clear(zem_xtree<Value> &tree) noexcept {
+  zem_xtree_shrink(tree, 1);
 }
 
 template <class Value>
