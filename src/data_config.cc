@@ -1,7 +1,6 @@
 #include "src/data_config.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <limits>
 #include <string_view>
@@ -11,31 +10,6 @@
 #include "base/xml.h"
 
 namespace {
-
-constexpr std::uint32_t any = std::numeric_limits<std::uint32_t>::max();
-constexpr std::uint32_t mib_max = 4095;
-constexpr std::uint32_t threads_max = 256;
-
-struct setting {
-  std::string_view key;
-  std::uint32_t zem_cfg::*field;
-  std::uint32_t least;
-  std::uint32_t most;
-};
-
-// In the order in which they are written.
-constexpr std::array settings{
-    setting{"thread_num", &zem_cfg::thread_num, 1, threads_max},
-    setting{"cache_log", &zem_cfg::cache_log, 0, mib_max},
-    setting{"cache_key", &zem_cfg::cache_key, 0, mib_max},
-    setting{"cache_val", &zem_cfg::cache_val, 0, any},
-    setting{"commit_num", &zem_cfg::commit_num, 1, any},
-    setting{"merge_num", &zem_cfg::merge_num, 1, mib_max},
-    setting{"split_num", &zem_cfg::split_num, 1, mib_max},
-    setting{"flush_time", &zem_cfg::flush_time, 0, any},
-    setting{"commit_time", &zem_cfg::commit_time, 0, any},
-    setting{"merge_time", &zem_cfg::merge_time, 0, any},
-};
 
 // The number that a text starts with, the nearest one of 64 bits when it is longer.
 std::int64_t number_of(std::string_view text, std::int64_t otherwise) noexcept {
@@ -61,7 +35,7 @@ zem_status zem_cfg_write(const std::string &path) {
   zem_xml xml;
   zem_xml_item &table = zem_xml_root(xml);
   table.name = "table";
-  for (const setting &each : settings) {
+  for (const zem_cfg_setting &each : zem_cfg_settings) {
     zem_xml_item &element = zem_xml_append_element(xml, table, each.key);
     zem_xml_append_text(xml, element, std::to_string(defaults.*each.field));
   }
@@ -76,7 +50,7 @@ zem_status zem_cfg_read(zem_cfg &cfg, const std::string &path) {
   zem_xml xml;
   if (!zem_xml_set(xml, text)) return zem_status{-EINVAL};
 
-  for (const setting &each : settings) {
+  for (const zem_cfg_setting &each : zem_cfg_settings) {
     const zem_xml_item *element = zem_xml_find_name(zem_xml_root(xml), each.key);
     if (element == nullptr) continue;
     const std::int64_t number = number_of(zem_xml_text(*element), cfg.*each.field);

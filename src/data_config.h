@@ -14,8 +14,11 @@
 // Takes no locks: the settings stay as they are while the table is open.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <limits>
 #include <string>
+#include <string_view>
 
 #include "base/status.h"
 
@@ -30,6 +33,31 @@ struct zem_cfg {
   std::uint32_t flush_time = 60;    // quiet seconds after which the timer routes and commits
   std::uint32_t commit_time = 50;   // ms of one sleep of a writer that is slowed down
   std::uint32_t merge_time = 20;    // ms of pause after every 256 data blocks written; 0: none
+};
+
+// One setting as the file names it. Values outside of its range take the nearest one in it.
+struct zem_cfg_setting {
+  static constexpr std::uint32_t any = std::numeric_limits<std::uint32_t>::max();
+  static constexpr std::uint32_t mib_max = 4095;
+  static constexpr std::uint32_t threads_max = 256;
+  std::string_view key;
+  std::uint32_t zem_cfg::*field;
+  std::uint32_t least;
+  std::uint32_t most;
+};
+
+// In the order in which they are written.
+inline constexpr std::array zem_cfg_settings{
+    zem_cfg_setting{"thread_num", &zem_cfg::thread_num, 1, zem_cfg_setting::threads_max},
+    zem_cfg_setting{"cache_log", &zem_cfg::cache_log, 0, zem_cfg_setting::mib_max},
+    zem_cfg_setting{"cache_key", &zem_cfg::cache_key, 0, zem_cfg_setting::mib_max},
+    zem_cfg_setting{"cache_val", &zem_cfg::cache_val, 0, zem_cfg_setting::any},
+    zem_cfg_setting{"commit_num", &zem_cfg::commit_num, 1, zem_cfg_setting::any},
+    zem_cfg_setting{"merge_num", &zem_cfg::merge_num, 1, zem_cfg_setting::mib_max},
+    zem_cfg_setting{"split_num", &zem_cfg::split_num, 1, zem_cfg_setting::mib_max},
+    zem_cfg_setting{"flush_time", &zem_cfg::flush_time, 0, zem_cfg_setting::any},
+    zem_cfg_setting{"commit_time", &zem_cfg::commit_time, 0, zem_cfg_setting::any},
+    zem_cfg_setting{"merge_time", &zem_cfg::merge_time, 0, zem_cfg_setting::any},
 };
 
 // A setting in MiB as bytes; 64 bits, so nothing wraps at 4 GiB.

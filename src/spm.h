@@ -173,6 +173,11 @@ zem_status zem_spm_load(zem_spm &spm, zem_mkey &mkey, const std::string &bad_nam
 zem_status zem_spm_load_frozen(zem_spm &spm, zem_mkey &mkey, const std::string &bad_name,
                                zem_err *err);
 
+// Judges a block of a file that is not all zero, as a replay does. zem_ok; zem_yes for what a torn
+// write left, now cut back to the image of an earlier commit, with which a log ends. Errors, with the
+// block as it was: ZEM_SDB_E_CHECKSUM, ZEM_SDB_E_KIND.
+zem_status zem_spm_accept_blk(zem_block_span block);
+
 // Reads a block that was written in full, and verifies it. After a failure the content of `block` is
 // unspecified. Errors: ZEM_SDB_E_CHECKSUM, ZEM_SDB_E_KIND, or the file's own.
 zem_status zem_spm_read_blk(const zem_spm &spm, std::uint32_t index, zem_block_span block);

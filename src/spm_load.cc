@@ -96,8 +96,9 @@ bool cut_back(zem_block_span block) {
   return false;
 }
 
-// zem_ok, zem_yes when the block was cut back, or why it is not acceptable.
-zem_status accept_blk(zem_block_span block) {
+}  // namespace
+
+zem_status zem_spm_accept_blk(zem_block_span block) {
   bool cut = false;
   if (!checksum_holds(block)) {
     cut = cut_back(block);
@@ -107,6 +108,8 @@ zem_status accept_blk(zem_block_span block) {
   if (groups_end(block) == 0) return bad_checksum;
   return cut ? zem_yes : zem_ok;
 }
+
+namespace {
 
 // Brings the postings of an acceptable block into the map.
 void replay_postings(zem_spm &spm, zem_block_view block, std::uint32_t blk_no, zem_mkey &mkey) {
@@ -152,7 +155,7 @@ zem_status replay_blks(zem_spm &spm, zem_mkey &mkey, log_end &end) {
     const std::uint64_t offset = std::uint64_t{end.blk_no} * zem_block_size;
     if (zem_status st = zem_file_read(spm.file, offset, block); st < 0) return st;
     if (never_written(block)) return zem_ok;
-    const zem_status accepted = accept_blk(block);
+    const zem_status accepted = zem_spm_accept_blk(block);
     if (accepted < 0) {
       end.damage = accepted;
       return zem_ok;
