@@ -22,6 +22,7 @@
 
 #include "include/zem_sdb.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/tool_run.h"
 #include "tools/catalog.h"
 
 namespace {
@@ -36,15 +37,10 @@ class ToolTest : public ::testing::Test {
  protected:
   // Runs `sdb ARGUMENT...`; `out` and `err` hold what it printed.
   end sdb(const words &arguments) {
-    std::vector<const char *> argv{"sdb"};
-    for (const std::string &argument : arguments)
-      argv.push_back(argument.c_str());
-    std::ostringstream out_stream, err_stream;
-    const tool_io io{.out = out_stream, .err = err_stream, .terminal = false, .stop = stop};
-    const int end_code = tool_run(static_cast<int>(argv.size()), argv.data(), io);
-    out = out_stream.str();
-    err = err_stream.str();
-    return static_cast<end>(end_code);
+    tool_run_result run = run_tool(arguments, stop);
+    out = std::move(run.out);
+    err = std::move(run.err);
+    return static_cast<end>(run.end);
   }
   end index(const std::string &path) { return sdb({"index", root, "notes", path}); }
   end search(const std::string &word) { return sdb({"search", root, "notes", word}); }

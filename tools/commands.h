@@ -24,6 +24,13 @@ struct tool_search_options {
   std::uint64_t limit = 0;  // documents shown; 0: all
 };
 
+struct tool_repair_options {
+  std::string root;
+  std::string table;
+  std::string new_table;
+  std::string new_root;  // empty: `root`
+};
+
 // Makes a table, and the root when it is missing.
 tool_exit tool_create(const tool_io &io, const std::string &root, const std::string &table);
 
@@ -47,3 +54,13 @@ tool_exit tool_index(const tool_io &io, const tool_index_options &options);
 // Prints the documents that hold the words: where they lie, and their text as the file holds it
 // now. A document whose file is gone or changed is named with a note in place of its text.
 tool_exit tool_search(const tool_io &io, const tool_search_options &options);
+
+// Looks at every file of a table that nobody has open, and prints what is wrong with it. Changes and
+// creates nothing. Ends with tool_exit::damaged when something is lost or queries fail.
+tool_exit tool_check(const tool_io &io, const std::string &root, const std::string &table,
+                     bool json);
+
+// Writes all that can be read of a table that nobody has open to a new one, and prints what could not
+// be read, which makes it end with tool_exit::damaged. Leaves the old table as it is; a run that fails
+// or is stopped leaves no new one.
+tool_exit tool_repair(const tool_io &io, const tool_repair_options &options);

@@ -15,6 +15,7 @@ namespace {
 struct arguments {
   tool_index_options index;
   tool_search_options search;
+  tool_repair_options repair;
   std::string root;
   std::string table;
   bool lines = false;
@@ -31,6 +32,8 @@ tool_exit run_command(const CLI::App &app, arguments &given, const tool_io &io) 
   if (app.got_subcommand("drop")) return tool_drop(io, given.root, given.table);
   if (app.got_subcommand("list")) return tool_list_tables(io, given.root);
   if (app.got_subcommand("stat")) return tool_stat(io, given.root, given.table, given.json);
+  if (app.got_subcommand("check")) return tool_check(io, given.root, given.table, given.json);
+  if (app.got_subcommand("repair")) return tool_repair(io, given.repair);
   if (app.got_subcommand("search")) return tool_search(io, given.search);
   given.index.unit = given.lines ? tool_unit::line : tool_unit::paragraph;
   return tool_index(io, given.index);
@@ -42,7 +45,7 @@ tool_exit parse_and_run(int argc, const char *const *argv, const tool_io &io) {
   app.require_subcommand(1);
   app.footer(
       "Ends with 0 when it found or did something, 1 when a search found nothing, 2 when\n"
-      "the arguments make no sense, 3 after a failure.");
+      "the arguments make no sense, 3 after a failure, 4 when a table turned out to be damaged.");
   arguments given;
 
   add_place(*app.add_subcommand("create", "Make a table"), given.root, given.table);
@@ -67,6 +70,18 @@ tool_exit parse_and_run(int argc, const char *const *argv, const tool_io &io) {
   CLI::App &stat = *app.add_subcommand("stat", "Print counts, sizes and shards of a table");
   add_place(stat, given.root, given.table);
   stat.add_flag("--json", given.json, "print them as JSON");
+
+  CLI::App &check =
+      *app.add_subcommand("check", "Look for damage in every file of a table; nothing is changed");
+  add_place(check, given.root, given.table);
+  check.add_flag("--json", given.json, "print what is found as JSON");
+
+  CLI::App &repair =
+      *app.add_subcommand("repair", "Write all that can be read of a damaged table to a new one");
+  add_place(repair, given.repair.root, given.repair.table);
+  repair.add_option("NEW-TABLE", given.repair.new_table, "name of the new table")->required();
+  repair.add_option("--into", given.repair.new_root,
+                    "directory of the database for the new table, if it is another one");
 
   try {
     app.parse(argc, argv);

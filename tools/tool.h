@@ -13,6 +13,7 @@ enum class tool_exit : int {
   nothing = 1,  // a search that found no document
   usage = 2,    // the arguments make no sense; the message says which
   failed = 3,   // a sentence on the error stream says what went wrong and what to do
+  damaged = 4,  // a look at a table's files found damage; it is listed
 };
 
 // Where a command reads and prints. The caller owns the streams; they outlive the command.
