@@ -1,9 +1,6 @@
 // The program `sdb` from its arguments to what it prints, on real files.
-#include "tools/tool.h"
-
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <climits>
 #include <clocale>
 #include <cstdlib>
@@ -22,26 +19,17 @@
 
 #include "include/zem_sdb.h"
 #include "tests/support/temp_dir.h"
-#include "tests/support/tool_run.h"
+#include "tests/support/tool_host.h"
 #include "tools/catalog.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-using words = std::vector<std::string>;
+using words = tool_host::words;
 
-enum end { done, nothing, usage, failed };
-
-class ToolTest : public ::testing::Test {
+class ToolTest : public ::testing::Test, protected tool_host {
  protected:
-  // Runs `sdb ARGUMENT...`; `out` and `err` hold what it printed.
-  end sdb(const words &arguments) {
-    tool_run_result run = run_tool(arguments, stop);
-    out = std::move(run.out);
-    err = std::move(run.err);
-    return static_cast<end>(run.end);
-  }
   end index(const std::string &path) { return sdb({"index", root, "notes", path}); }
   end search(const std::string &word) { return sdb({"search", root, "notes", word}); }
   std::string write(const std::string &name, const std::string &text) const {
@@ -55,8 +43,6 @@ class ToolTest : public ::testing::Test {
   temp_dir dir;
   const std::string root = dir.path("db");
   const std::string texts = dir.path("texts");
-  std::atomic<bool> stop = false;
-  std::string out, err;
 };
 
 TEST_F(ToolTest, TablesAreCreatedListedAndDroppedAndMistakesNamed) {

@@ -1,9 +1,12 @@
 #include "tools/database.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <new>
 #include <ostream>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -40,6 +43,12 @@ tool_list tool_list_new(int tagged) {
   zem_var *list = zem_var_new(0, tagged);
   if (list == nullptr) throw std::bad_alloc();
   return tool_list(list);
+}
+
+tool_lists tool_lists_new() {
+  zem_xvars *lists = zem_xvars_new();
+  if (lists == nullptr) throw std::bad_alloc();
+  return tool_lists(lists);
 }
 
 tool_database::~tool_database() {
@@ -109,6 +118,17 @@ std::string tool_table_directory(const tool_database &database) {
 tool_problem tool_library_problem(const std::string &what, std::int32_t result) {
   if (result >= 0) return {};
   return {what + " failed: " + zem_sdb_error(result) + " (" + std::to_string(result) + ")"};
+}
+
+tool_problem tool_patiently(const std::string &what, const std::function<std::int32_t()> &call) {
+  constexpr auto pause = std::chrono::milliseconds(100);
+  constexpr int tries = 600;
+  std::int32_t result = call();
+  for (int i = 0; result == -EBUSY && i < tries; ++i) {
+    std::this_thread::sleep_for(pause);
+    result = call();
+  }
+  return tool_library_problem(what, result);
 }
 
 void tool_database_report(tool_database &database, const tool_io &io) {

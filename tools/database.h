@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,6 +20,13 @@ using tool_list = std::unique_ptr<zem_var, tool_list_free>;
 
 // An empty list; ends the program when memory is short, as `new` does.
 tool_list tool_list_new(int tagged = 0);
+
+// Frees a list of value lists.
+struct tool_lists_free {
+  void operator()(zem_xvars *lists) const noexcept { zem_xvars_free(lists); }
+};
+using tool_lists = std::unique_ptr<zem_xvars, tool_lists_free>;
+tool_lists tool_lists_new();
 
 struct tool_keys_free {
   void operator()(zem_keys *keys) const noexcept { zem_sdb_keys_free(keys); }
@@ -57,6 +65,10 @@ std::string tool_table_directory(const tool_database &database);
 
 // A failed call of the library, in words; none for a result that is no failure.
 tool_problem tool_library_problem(const std::string &what, std::int32_t result);
+
+// Calls the library as long as it answers -EBUSY, for a minute at most: it keeps what it could not
+// place while a shard lets nobody in, and giving it the same postings again does no harm.
+tool_problem tool_patiently(const std::string &what, const std::function<std::int32_t()> &call);
 
 // Prints the library's error lines that came since the last time.
 void tool_database_report(tool_database &database, const tool_io &io);

@@ -1,11 +1,9 @@
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <ostream>
 #include <system_error>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -22,8 +20,6 @@ namespace fs = std::filesystem;
 constexpr std::int64_t insert_count = 8192;                         // postings handed over at once
 constexpr std::uint64_t sync_bytes = std::uint64_t{64} << 20;       // of text, between two syncs
 constexpr std::uint64_t progress_bytes = std::uint64_t{256} << 10;  // of text, between two looks
-constexpr auto busy_pause = std::chrono::milliseconds(100);
-constexpr int busy_tries = 600;
 
 struct text_file {
   std::string path;
@@ -134,21 +130,9 @@ tool_problem find_files(index_run &run, const tool_index_options &options,
 
 // ---- one file ----
 
-// The library keeps what it could not place and answers -EBUSY while a shard lets nobody in; giving
-// it the same postings again does no harm.
-template <class Call>
-tool_problem patiently(const std::string &what, Call call) {
-  std::int32_t result = call();
-  for (int i = 0; result == -EBUSY && i < busy_tries; ++i) {
-    std::this_thread::sleep_for(busy_pause);
-    result = call();
-  }
-  return tool_library_problem(what, result);
-}
-
 tool_problem insert(index_run &run) {
   if (zem_var_size(run.ids.get()) == 0) return {};
-  tool_problem problem = patiently("inserting", [&] {
+  tool_problem problem = tool_patiently("inserting", [&] {
     return zem_sdb_inserts(run.database.sdb, run.database.table, run.ids.get(), run.heads.get(),
                            run.thirds.get());
   });
@@ -161,7 +145,7 @@ tool_problem insert(index_run &run) {
 tool_problem make_durable(index_run &run) {
   if (tool_problem problem = insert(run)) return problem;
   tool_problem problem =
-      patiently("syncing", [&] { return zem_sdb_sync(run.database.sdb, run.database.table); });
+      tool_patiently("syncing", [&] { return zem_sdb_sync(run.database.sdb, run.database.table); });
   if (problem) return problem;
   run.unsynced_bytes = 0;
   return tool_catalog_commit(run.catalog);

@@ -22,8 +22,12 @@ void draw(tool_progress &progress, std::string_view doing) {
   progress.drawn = now;
   progress.visible = true;
   // One column stays free: a full line makes some terminals move to the next.
-  progress.io.err << clear_line
-                  << tool_progress_line(progress.done, progress.total, doing,
+  progress.io.err << clear_line;
+  if (progress.total == 0) {
+    progress.io.err << progress.done << ' ' << progress.unit << ' ' << doing << std::flush;
+    return;
+  }
+  progress.io.err << tool_progress_line(progress.done, progress.total, doing,
                                         terminal_columns() - 1)
                   << std::flush;
 }
@@ -51,17 +55,19 @@ std::string tool_progress_line(std::uint64_t done, std::uint64_t total, std::str
   return line;
 }
 
-void tool_progress_step(tool_progress &progress, std::uint64_t bytes, std::string_view doing) {
-  progress.done += bytes;
+void tool_progress_step(tool_progress &progress, std::uint64_t more, std::string_view doing) {
+  progress.done += more;
   if (progress.io.terminal) {
     draw(progress, doing);
     return;
   }
+  if (progress.total == 0) return;
   const auto tenths =
       static_cast<std::uint32_t>(std::min(progress.done, progress.total) * 10 / progress.total);
   if (tenths == progress.tenths) return;
   progress.tenths = tenths;
-  progress.io.err << "  " << tenths * 10 << "% of " << progress.total << " bytes" << std::endl;
+  progress.io.err << "  " << tenths * 10 << "% of " << progress.total << ' ' << progress.unit
+                  << std::endl;
 }
 
 void tool_progress_clear(tool_progress &progress) {
