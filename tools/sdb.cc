@@ -1,4 +1,5 @@
-// The program `sdb`: indexes text files into a table of a database and finds them by their words.
+// The program `sdb`: indexes text files into tables and finds them by their words, and moves and shows
+// postings.
 #include <atomic>
 #include <csignal>
 #include <iostream>

@@ -2,12 +2,14 @@
 
 #include <CLI/CLI.hpp>
 #include <exception>
+#include <functional>
 #include <new>
 #include <ostream>
 #include <system_error>
 
 #include "include/zem_sdb.h"
 #include "tools/commands.h"
+#include "tools/data.h"
 
 namespace {
 
@@ -40,11 +42,12 @@ tool_exit run_command(const CLI::App &app, arguments &given, const tool_io &io) 
 }
 
 tool_exit parse_and_run(int argc, const char *const *argv, const tool_io &io) {
-  CLI::App app("Indexes text files and finds documents by their words.", "sdb");
+  CLI::App app("Indexes text files, finds documents by their words, and keeps tables of postings.",
+               "sdb");
   app.set_version_flag("--version", std::string("sdb ") + zem_sdb_version());
   app.require_subcommand(1);
   app.footer(
-      "Ends with 0 when it found or did something, 1 when a search found nothing, 2 when\n"
+      "Ends with 0 when it found or did something, 1 when it looked and found nothing, 2 when\n"
       "the arguments make no sense, 3 after a failure, 4 when a table turned out to be damaged.");
   arguments given;
 
@@ -83,12 +86,15 @@ tool_exit parse_and_run(int argc, const char *const *argv, const tool_io &io) {
   repair.add_option("--into", given.repair.new_root,
                     "directory of the database for the new table, if it is another one");
 
+  std::function<tool_exit()> chosen;
+  tool_data_commands(app, io, chosen);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &error) {
     return app.exit(error, io.out, io.err) == 0 ? tool_exit::done : tool_exit::usage;
   }
-  return run_command(app, given, io);
+  return chosen ? chosen() : run_command(app, given, io);
 }
 
 }  // namespace

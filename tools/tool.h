@@ -10,7 +10,7 @@
 // What the program ends with, so that scripts can tell "nothing found" from "did not work".
 enum class tool_exit : int {
   done = 0,
-  nothing = 1,  // a search that found no document
+  nothing = 1,  // a look that found nothing
   usage = 2,    // the arguments make no sense; the message says which
   failed = 3,   // a sentence on the error stream says what went wrong and what to do
   damaged = 4,  // a look at a table's files found damage; it is listed
