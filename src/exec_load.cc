@@ -214,9 +214,10 @@ zem_status zem_exec_commit_x(zem_exec &exec) {
 
 namespace {
 
-// The shards before and behind a loaded one, in the order of their keys; null where there is none.
+// What lies beside a loaded shard, in the order of keys: the key of the shard before it and the shard
+// behind it, where there are such.
 struct neighbours {
-  zem_shard *before = nullptr;
+  std::optional<zem_mkey> before;
   zem_shard *behind = nullptr;
 };
 
@@ -230,7 +231,7 @@ neighbours find_neighbours(const zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
       found.behind = shard;
       break;
     }
-    found.before = shard;
+    found.before = shard->mkey;
   }
   return found;
 }
@@ -249,23 +250,19 @@ bool holds_up_to(const zem_shard &shard, const zem_mkey &key) {
   return zem_spx_iter_first(shard.dat, first) > 0 && reaches(first.term, first.doc);
 }
 
-bool holds_from(const zem_shard &shard, const zem_mkey &key) {
-  zem_read_guard held(shard.lock);
-  return zem_shard_xcount(shard) > 0 && !comes_before(shard.mkey, key);
-}
-
 // Queries look for a posting in the shard whose range it belongs to, so what lies in another's range is
 // not found there. The load goes on: it is the host's to say what its postings are.
 void tell_of_overlap(const zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
   if (!exec.lowest) return;
   const neighbours beside = find_neighbours(exec);
-  const bool overlaps = (beside.before != nullptr && holds_from(*beside.before, *exec.lowest)) ||
+  // What lies up to the key of the shard before is looked for there, whether it holds anything or not.
+  const bool overlaps = (beside.before && !comes_before(*beside.before, *exec.lowest)) ||
                         (beside.behind != nullptr && holds_up_to(*beside.behind, exec.key));
   if (!overlaps) return;
-  zem_err_log(exec.table->err_log, 0,
-              "table %s: the range loaded into shard %d meets postings of other shards: queries "
-              "will miss some",
-              exec.table->name.c_str(), static_cast<std::int32_t>(exec.shard->id));
+  zem_err_log(
+      exec.table->err_log, 0,
+      "table %s: the range loaded into shard %d meets other shards: queries will miss postings",
+      exec.table->name.c_str(), static_cast<std::int32_t>(exec.shard->id));
 }
 
 // The step in which the table takes a new shard in.

@@ -662,7 +662,7 @@ TEST_F(ToolRepairTest, NewTableIsMadeAtOnceOrNotAtAll) {
   EXPECT_EQ(sdb({"repair", root.path(), "c", "new"}).end, tool_exit::failed);
   EXPECT_FALSE(fs::exists(root.path("new")));
   stop = false;
-  EXPECT_EQ(sdb({"repair", root.path(), "c", "new", "--into", other}).end, tool_exit::done);
+  EXPECT_EQ(sdb({"repair", root.path(), "c", "new", "--to-root", other}).end, tool_exit::done);
   EXPECT_EQ(read_whole(other + "/new/sdb.xml"), read_whole(copied.path("sdb.xml")));
   EXPECT_EQ(read_whole(other + "/new/sdb-tool.docs"), "sdbdocs1");
 }

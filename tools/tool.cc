@@ -83,7 +83,7 @@ tool_exit parse_and_run(int argc, const char *const *argv, const tool_io &io) {
       *app.add_subcommand("repair", "Write all that can be read of a damaged table to a new one");
   add_place(repair, given.repair.root, given.repair.table);
   repair.add_option("NEW-TABLE", given.repair.new_table, "name of the new table")->required();
-  repair.add_option("--into", given.repair.new_root,
+  repair.add_option("--to-root", given.repair.new_root,
                     "directory of the database for the new table, if it is another one");
 
   std::function<tool_exit()> chosen;

@@ -189,7 +189,7 @@ TEST_F(LoadTest, LoadedRangesRouteWhatComesLater) {
   EXPECT_EQ(add(across, {12, 0, 0}, 1, 1, to_dat), 0);
   EXPECT_EQ(add(across, {22, 0, 0}, 1, 1, to_dat), 0);
   finish(across);
-  EXPECT_THAT(log.errors(), ElementsAre(HasSubstr("meets postings of other shards")));
+  EXPECT_THAT(log.errors(), ElementsAre(HasSubstr("meets other shards")));
 }
 
 TEST_F(LoadTest, ClearAndCloseEndLoadsAndNoHandleSurvives) {
