@@ -148,14 +148,12 @@ zem_status zem_shard_unpark(zem_shard &shard) {
 
 namespace {
 
-zem_status park(zem_shard &shard, std::span<const zem_doc_val *const> changes, std::size_t &applied)
+void park(zem_shard &shard, std::span<const zem_doc_val *const> changes, std::size_t &applied)
     ZEM_REQUIRES(shard.lock) {
-  if (doc_bytes(shard) >= zem_cfg_bytes(shard.cfg->merge_num)) return zem_status{-EBUSY};
   for (const zem_doc_val *change : changes) {
     zem_doc_load_term(shard.doc, change->id, change->term, change->flag);
     ++applied;
   }
-  return zem_ok;
 }
 
 }  // namespace
@@ -164,7 +162,10 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
                             std::span<const zem_doc_val *const> changes, std::size_t &applied) {
   applied = 0;
   if (shard.loan == zem_shard_loan::lent) shard.loan = zem_shard_loan::shared;
-  if (shard.parked) return park(shard, changes, applied);
+  if (shard.parked) {
+    park(shard, changes, applied);
+    return zem_ok;
+  }
   if (zem_status st = update_refused(shard); st < 0) return st;
   if (zem_status st = zem_shard_unpark(shard); st < 0) {
     save_from_memory(shard);
@@ -185,6 +186,10 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
   save_from_memory(shard);  // a sync may have failed in the middle of a block's write
   zem_shard_request_due(shard);
   return grew ? zem_yes : zem_ok;
+}
+
+bool zem_shard_full(const zem_shard &shard) {
+  return shard.parked && doc_bytes(shard) >= zem_cfg_bytes(shard.cfg->merge_num);
 }
 
 zem_status zem_shard_commit(zem_shard &shard) {

@@ -118,10 +118,12 @@ zem_status zem_shard_clear(zem_shard &shard) ZEM_REQUIRES(shard.lock);
 // when that has grown to `merge_num` MiB. `applied` counts the changes that need not come again:
 // all of them, or those before the one that failed. zem_yes: the high key grew.
 //
-// While the shard is parked the changes gather in `doc`; -EBUSY when that holds `merge_num` MiB.
+// While the shard is parked the changes gather in `doc`.
 zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
                             std::span<const zem_doc_val *const> changes, std::size_t &applied)
     ZEM_REQUIRES(shard.lock);
+// Whether as much is parked as may be: `merge_num` MiB. A run that is under way is taken to its end.
+bool zem_shard_full(const zem_shard &shard) ZEM_REQUIRES_SHARED(shard.lock);
 
 // Makes every log of the shard durable. Takes the lock for the writes and lets it go for the last
 // sync. After a failure `stamp` is set again; after a failed sync a merge is asked for as well,

@@ -213,7 +213,8 @@ zem_shard *zem_table_find_id(const zem_table &table, std::uint32_t number)
 // ---- writing
 
 // Routes the pending batch, or waits for the routings that began before. With `slow_down` the caller
-// is then held up as far as background work lags behind.
+// waits first while a split has `merge_num` MiB of updates parked (what goes there comes back with
+// -EBUSY after 10 s), and is held up afterwards as far as background work lags behind.
 zem_status zem_table_update(zem_table &table, bool slow_down);
 // Routes the host's batch at once and leaves it to the host; adds a row to `keys`, when given, for
 // each shard whose high key grew.

@@ -17,6 +17,7 @@ using doc_node = zem_xnode<zem_doc_val>;
 constexpr std::size_t slice_postings = 512;
 constexpr std::size_t stuck_factor = 16;  // times commit_num: where a pending batch ends to grow
 constexpr std::uint64_t most_rounds = 10000;  // of the slow-down
+constexpr std::uint64_t room_wait_us = 10ULL * 1000 * 1000;
 
 // The part of a batch that falls to one shard.
 struct zem_xshard {
@@ -84,7 +85,16 @@ zem_status apply_slice(zem_xshard &run, zem_proc &proc, bool &grew, lag &seen, z
   return st;
 }
 
+bool is_full(const zem_shard &shard) {
+  zem_read_guard held(shard.lock);
+  return zem_shard_full(shard);
+}
+
 void apply_run(zem_xshard &run, lag &seen, zem_keys *keys) {
+  if (is_full(*run.shard)) {
+    run.result = zem_status{-EBUSY};
+    return;
+  }
   zem_proc proc;
   bool grew = false;
   while (run.at != run.end) {
@@ -210,6 +220,31 @@ void zem_table_sleep(zem_table &table, const std::vector<zem_xshard> &runs, cons
   }
 }
 
+// A shard whose split has as many updates parked as may be, or null.
+const zem_shard *find_full(const zem_table &table) {
+  zem_read_guard held(table.lock);
+  for (std::size_t i = 0; i < zem_arrx_count(table.shards); ++i) {
+    const zem_shard &shard = *zem_arrx_get_at(table.shards, i);
+    if (shard.state == zem_shard_state::splitting && is_full(shard)) return &shard;
+  }
+  return nullptr;
+}
+
+// Waits until such a split goes on; then the gate keeps the caller, or there is room. Only routings park
+// updates, so what is seen here holds until this routing.
+void wait_for_room(zem_table &table) ZEM_REQUIRES(table.routing) {
+  if (zem_table_hold(table) < 0) return;
+  zem_on_exit unhold([&] { zem_table_unhold(table); });
+  const std::uint64_t deadline_us = zem_timer_stamp() + room_wait_us;
+  while (const zem_shard *full = find_full(table)) {
+    zem_lock_guard held(table.wait_mutex);
+    while (full->state == zem_shard_state::splitting) {
+      if (!table.open || table.closing) return;
+      if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return;
+    }
+  }
+}
+
 }  // namespace
 
 bool zem_table_stuck(const zem_table &table) {
@@ -223,6 +258,7 @@ zem_status zem_table_update(zem_table &table, bool slow_down) {
   zem_lock_guard routing(table.routing);
   if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
   if (!has_pending(table)) return zem_ok;
+  if (slow_down) wait_for_room(table);
   zem_status st = zem_table_wait_lock(table, zem_table_role::writer);
   if (st < 0) {
     settle(table, st);
@@ -242,6 +278,7 @@ zem_status zem_table_update_x(zem_table &table, const zem_doc &doc, zem_keys *ke
   std::vector<zem_xshard> runs;
   lag behind;
   zem_lock_guard routing(table.routing);
+  wait_for_room(table);
   if (zem_status st = zem_table_wait_lock(table, zem_table_role::writer); st < 0) return st;
   zem_on_exit unhold([&] { zem_table_unhold(table); });
   const zem_status st = zem_boundary([&] { return route(table, doc, runs, behind, keys); });

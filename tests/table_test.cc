@@ -142,6 +142,38 @@ TEST_F(TableTest, ABarredBatchGoesBackAndACloseDoesNotWait) {
   EXPECT_THAT(table.held(), ElementsAre(at(1, 1)));
 }
 
+TEST_F(TableTest, AWriterWaitsForRoomWhereASplitHasParkedTooMuch) {
+  table.cfg.merge_num = 1;
+  open();
+  stop_workers();
+  zem_shard &shard = table.shard(1);
+  const auto park = [&](bool parked) {
+    zem_write_guard held(shard.lock);
+    shard.parked = parked;
+  };
+  set_state(shard, zem_shard_state::splitting);
+  park(true);
+  std::vector<posting> many;
+  for (std::uint64_t id = 0; id < 120'000; ++id)
+    many.push_back(at(1, id));
+  ASSERT_EQ(apply(many), zem_ok);
+
+  ASSERT_EQ(insert({at(2, 1)}), zem_ok);
+  zem_status st = zem_ok;
+  const auto call = [&] { st = zem_table_update(*table, true); };
+  EXPECT_GE(time_of(call, 1000), 9'000U);
+  EXPECT_EQ(st, -EBUSY);
+  EXPECT_THAT(pending(), ElementsAre(at(2, 1)));
+
+  std::thread writer(call);
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  park(false);
+  set_state(shard, zem_shard_state::idle);
+  writer.join();
+  EXPECT_EQ(st, zem_ok);
+  EXPECT_THAT(table.held(), SizeIs(many.size() + 1));
+}
+
 // ---- the timer, commits and merges
 
 TEST_F(TableTest, AQuietBatchIsRoutedAndAQuietShardCommittedAfterFlushTime) {
