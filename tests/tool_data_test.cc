@@ -177,7 +177,8 @@ TEST_F(ToolDataTest, TableOfManyShardsGoesThroughEveryFormAndRoadUnchanged) {
   for (int i = 0; i < 20; ++i) {
     const tool_key_term a = ordered[random() % ordered.size()].term;
     const tool_key_term b = i < 10 ? random_posting(random).term : a;
-    const auto [from, to] = std::minmax(a, b);
+    const tool_key_term from = std::min(a, b);
+    const tool_key_term to = std::max(a, b);
     const auto comma = [](const tool_key_term &term) {
       std::string bound = tool_key_text(term);
       std::replace(bound.begin(), bound.end(), ' ', ',');
