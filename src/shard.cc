@@ -121,6 +121,14 @@ zem_status apply(zem_shard &shard, zem_proc &proc, const zem_doc_val &change)
   return zem_shard_log(shard, proc, change.term, change.id, change.flag != 0);
 }
 
+void fetch_ahead(const zem_spm &log, std::span<const zem_doc_val *const> changes) {
+  std::array<zem_xkey, zem_xtree_flight> keys{};
+  const std::size_t count = std::min(changes.size(), keys.size());
+  for (std::size_t i = 0; i < count; ++i)
+    keys[i] = zem_xtree_key(changes[i]->term, changes[i]->id);
+  zem_xtree_prefetch(log.tree, std::span(keys).first(count));
+}
+
 // The first change that stays is `from`.
 void drop_before(zem_doc &doc, const zem_xnode<zem_doc_val> *from) {
   zem_doc rest;
@@ -173,6 +181,7 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
   }
   bool grew = false;
   for (const zem_doc_val *change : changes) {
+    if (applied % zem_xtree_flight == 0) fetch_ahead(shard.log, changes.subspan(applied));
     const zem_status st = apply(shard, proc, *change);
     if (st < 0) {
       if (applied > 0) shard.stamp = zem_time();  // a commit has that much to see to

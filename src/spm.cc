@@ -183,7 +183,7 @@ bool has_room(const zem_spm &spm, const zem_proc &proc, const zem_term &term,
 }
 
 // The only posting of its term in the map.
-bool opens_term(const zem_spm_node &node) noexcept {
+bool stands_alone(const zem_spm_node &node) noexcept {
   return node.first != 0 && (node.next == nullptr || node.next->first != 0);
 }
 
@@ -231,10 +231,11 @@ zem_status zem_spm_insert(zem_spm &spm, zem_proc &proc, std::uint64_t id, const 
     if (zem_status st = next_blk(spm, proc); st < 0) return st;
   }
   zem_spm_node *node = nullptr;
-  if (!zem_spm_node_set(spm, term, id, node)) return zem_ok;
+  bool opens_term = false;
+  if (!zem_spm_node_set(spm, term, id, node, &opens_term)) return zem_ok;
   append(spm, proc, *node, format::op_insert);
   ++spm.sum_recs;
-  if (opens_term(*node)) {
+  if (opens_term) {
     ++spm.blk_terms;
     ++spm.sum_terms;
   }
@@ -251,7 +252,7 @@ zem_status zem_spm_delete(zem_spm &spm, zem_proc &proc, std::uint64_t id, const 
   }
   append(spm, proc, *node, format::op_delete);
   node->value->flag = -1;
-  if (opens_term(*node)) ++spm.blk_terms;
+  if (stands_alone(*node)) ++spm.blk_terms;
   return raise_key(mkey, term, id);
 }
 

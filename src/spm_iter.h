@@ -58,7 +58,9 @@ inline void zem_spm_iterd_first(const zem_spm &spm, zem_iter &iter) noexcept {
 
 // On the next posting, whatever its term, or on nothing behind the last.
 inline void zem_spm_iterd_next(zem_iter &iter) noexcept {
-  if (iter.node != nullptr) zem_spm_iter_proc(iter, iter.node->next);
+  if (iter.node == nullptr) return;
+  zem_xtree_prefetch_behind(*iter.node);
+  zem_spm_iter_proc(iter, iter.node->next);
 }
 
 // On the first posting of the `index`-th term, counting from 0, or on nothing when there are fewer.

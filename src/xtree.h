@@ -16,6 +16,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <utility>
 
 #include "base/assert.h"
@@ -89,12 +90,28 @@ struct zem_xtree {
   zem_pool<Value> value_pool;  // the owner takes its values here
 };
 
-// Finds or makes the node of a key. True when it is new; its value is null then.
+// Finds or makes the node of a key. True when it is new; its value is null then, and `alone`, if given,
+// tells whether it is the only one of its term.
 //
 // Throws std::bad_alloc, which leaves the tree as it was.
 template <class Value>
 bool zem_xtree_node_set(zem_xtree<Value> &tree, const zem_term &term, std::uint64_t id,
-                        zem_xnode<Value> *&node);
+                        zem_xnode<Value> *&node, bool *alone = nullptr);
+
+// For a walk: starts fetching what lies behind the node. The nodes of a batch were made in key order and
+// lie side by side, so a walk, which goes through many batches by turns, is to come to them.
+template <class Value>
+void zem_xtree_prefetch_behind(const zem_xnode<Value> &node) noexcept {
+  constexpr std::size_t line = 64;
+  __builtin_prefetch(reinterpret_cast<const char *>(&node) + 2 * line);
+  __builtin_prefetch(reinterpret_cast<const char *>(node.value) + line);
+}
+
+// Starts fetching what insertions of these keys, zem_xtree_flight at most, are going to touch, so that
+// their cache misses overlap instead of following one another.
+inline constexpr std::size_t zem_xtree_flight = 8;
+template <class Value>
+void zem_xtree_prefetch(const zem_xtree<Value> &tree, std::span<const zem_xkey> keys) noexcept;
 
 // The node of exactly this key, or null.
 template <class Value>
@@ -184,9 +201,9 @@ zem_xentry<Value> *zem_xtree_descend_near(const zem_xtree<Value> &tree,
 
 // Chains a node in at its place in a level-0 entry and keeps the marks right. Neighbours in the same
 // entry are written but not read, their terms are known from the keys: so nothing waits for their
-// memory.
+// memory. True when the node is the only one of its term.
 template <class Value>
-void zem_xtree_link(const zem_xentry<Value> &entry, std::uint32_t index) noexcept {
+bool zem_xtree_link(const zem_xentry<Value> &entry, std::uint32_t index) noexcept {
   const zem_xarray<zem_xitem<Value>> &array = entry.items;
   zem_xnode<Value> *node = array.items[index].node;
   // A key goes into the first entry that ends after it, so only the tree's last node is the last of
@@ -206,10 +223,11 @@ void zem_xtree_link(const zem_xentry<Value> &entry, std::uint32_t index) noexcep
                                      : zem_xtree_same(node->prev->term, node->term);
     if (same_term) node->first = 0;
   }
-  if (!at_end) {
-    node->next->prev = node;
-    if (zem_xarray_same_term(array, index)) node->next->first = 0;
-  }
+  if (at_end) return node->first != 0;
+  node->next->prev = node;
+  if (!zem_xarray_same_term(array, index)) return node->first != 0;
+  node->next->first = 0;
+  return false;
 }
 
 // How many entries an insertion into a level-0 entry will take from the pool for its splits.
@@ -255,7 +273,7 @@ void zem_xtree_split(zem_xtree<Value> &tree, zem_xentry<Value> *lower) noexcept 
 
 template <class Value>
 bool zem_xtree_node_set(zem_xtree<Value> &tree, const zem_term &term, std::uint64_t id,
-                        zem_xnode<Value> *&node) {
+                        zem_xnode<Value> *&node, bool *alone) {
   const zem_xkey key = zem_xtree_key(term, id);
   zem_xentry<Value> *entry = nullptr;
   std::uint32_t index = 0;
@@ -285,10 +303,30 @@ bool zem_xtree_node_set(zem_xtree<Value> &tree, const zem_term &term, std::uint6
   node->term = term;
   node->id = id;
   zem_xarray_insert_at(entry->items, index, key, {.node = node});
-  zem_xtree_link(*entry, index);
+  const bool only = zem_xtree_link(*entry, index);
+  if (alone != nullptr) *alone = only;
   ++tree.count;
   if (entry->items.count == zem_xarray_capacity) zem_xtree_split(tree, entry);
   return true;
+}
+
+template <class Value>
+void zem_xtree_prefetch(const zem_xtree<Value> &tree, std::span<const zem_xkey> keys) noexcept {
+  ZEM_ASSERT(keys.size() <= zem_xtree_flight);
+  if (tree.root == nullptr) return;
+  std::array<const zem_xentry<Value> *, zem_xtree_flight> at{};
+  at.fill(tree.root);
+  for (std::uint32_t level = tree.root->level; level > 0; --level) {
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      at[i] = at[i]->items.items[zem_xarray_lower_bound(at[i]->items, keys[i])].entry;
+      zem_xarray_prefetch(at[i]->items);
+    }
+  }
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    const std::uint32_t index = zem_xarray_lower_bound(at[i]->items, keys[i]);
+    if (index < at[i]->items.count) __builtin_prefetch(at[i]->items.items[index].node, 1);
+    if (index > 0) __builtin_prefetch(at[i]->items.items[index - 1].node, 1);
+  }
 }
 
 template <class Value>
