@@ -223,6 +223,7 @@ zem_status divide(zem_split &split) {
   {
     zem_write_guard held(shard.lock);
     shard.parked = true;
+    shard.full_since_us = 0;
   }
   if (zem_status st = zem_shard_split_x(shard, split.pipe, *split.low); st < 0) return st;
   if (zem_status st = notify(split, phase_writers); st < 0) return st;

@@ -87,6 +87,8 @@ struct zem_shard {
   bool parked ZEM_GUARDED_BY(lock) = false;  // a split replays `log`: updates wait in `doc`
   // Updates that no log has yet: parked, or left by a cancelled split whose log did not take them.
   zem_doc doc ZEM_GUARDED_BY(lock);
+  // When a run first found no room beside what is parked, on the monotonic clock; 0: none did.
+  std::uint64_t full_since_us ZEM_GUARDED_BY(lock) = 0;
   zem_status refused ZEM_GUARDED_BY(lock) = zem_ok;  // why no merge may run until the next open
   zem_shard_loan loan ZEM_GUARDED_BY(lock) = zem_shard_loan::none;
   zem_shard_pause pause ZEM_GUARDED_BY(lock);

@@ -86,12 +86,6 @@ zem_status zem_table_wait_empty(zem_table &table, zem_table_role role) {
   return zem_ok;
 }
 
-void zem_table_wait_stay(zem_table &table, zem_table_role role) {
-  zem_lock_guard held(table.wait_mutex);
-  --(role == zem_table_role::writer ? table.writers : table.readers);
-  table.gate.wake_all();
-}
-
 void zem_table_wait_clear(zem_table &table, zem_table_role role) {
   zem_lock_guard held(table.wait_mutex);
   --(role == zem_table_role::writer ? table.writers : table.readers);
@@ -170,14 +164,15 @@ void zem_table_request_commits(zem_table &table, zem_table_which which) {
 
 zem_status zem_table_merge(zem_table &table) {
   if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
-  if (zem_status st = zem_table_update(table, true); st < 0) return st;
+  // A batch that a shard does not take may wait for just this merge.
+  const zem_status routed = zem_table_update(table, true);
   if (zem_status st = zem_table_hold(table); st < 0) return st;
   zem_on_exit unhold([&] { zem_table_unhold(table); });
   for (zem_shard *shard : zem_table_shard_list(table)) {
     zem_read_guard held(shard->lock);
     zem_shard_request(*shard);
   }
-  return zem_ok;
+  return routed;
 }
 
 bool zem_table_nap(zem_table &table, std::uint64_t micros) {

@@ -213,11 +213,11 @@ zem_shard *zem_table_find_id(const zem_table &table, std::uint32_t number)
 // ---- writing
 
 // Routes the pending batch, or waits for the routings that began before. With `slow_down` the caller
-// waits first while a split has `merge_num` MiB of updates parked (what goes there comes back with
-// -EBUSY after 10 s), and is held up afterwards as far as background work lags behind.
+// is then held up as far as background work lags behind, and while a split has `merge_num` MiB of updates
+// parked; after 10 s of that, what goes there comes back with -EBUSY.
 zem_status zem_table_update(zem_table &table, bool slow_down);
 // Routes the host's batch at once and leaves it to the host; adds a row to `keys`, when given, for
-// each shard whose high key grew.
+// each shard whose high key grew. Waits as a slowed-down caller does.
 zem_status zem_table_update_x(zem_table &table, const zem_doc &doc, zem_keys *keys);
 
 // Whether routing fails and the pending batch has grown to 16 times `commit_num`, so that it takes no

@@ -16,8 +16,5 @@ std::vector<zem_shard *> zem_table_shard_list(const zem_table &table);
 enum class zem_table_which : std::uint8_t { written, quiet };
 void zem_table_request_commits(zem_table &table, zem_table_which which);
 
-// Ends the caller's part as a writer or reader; it stays a holder until zem_table_unhold.
-void zem_table_wait_stay(zem_table &table, zem_table_role role);
-
 // Sleeps; false, at once, when the table is cleared or closed.
 bool zem_table_nap(zem_table &table, std::uint64_t micros);

@@ -24,6 +24,7 @@ struct zem_xshard {
   zem_shard *shard;
   const doc_node *at;   // the first change that is not applied
   const doc_node *end;  // the first beyond the run, or null
+  bool full = false;    // nothing was applied: the shard has as much parked as may be
   zem_status result = zem_ok;
 };
 
@@ -85,13 +86,16 @@ zem_status apply_slice(zem_xshard &run, zem_proc &proc, bool &grew, lag &seen, z
   return st;
 }
 
-bool is_full(const zem_shard &shard) {
-  zem_read_guard held(shard.lock);
-  return zem_shard_full(shard);
+bool find_full(zem_shard &shard) {
+  zem_write_guard held(shard.lock);
+  if (!zem_shard_full(shard)) return false;
+  if (shard.full_since_us == 0) shard.full_since_us = zem_timer_stamp();
+  return true;
 }
 
 void apply_run(zem_xshard &run, lag &seen, zem_keys *keys) {
-  if (is_full(*run.shard)) {
+  run.full = find_full(*run.shard);
+  if (run.full) {
     run.result = zem_status{-EBUSY};
     return;
   }
@@ -220,29 +224,80 @@ void zem_table_sleep(zem_table &table, const std::vector<zem_xshard> &runs, cons
   }
 }
 
-// A shard whose split has as many updates parked as may be, or null.
-const zem_shard *find_full(const zem_table &table) {
-  zem_read_guard held(table.lock);
-  for (std::size_t i = 0; i < zem_arrx_count(table.shards); ++i) {
-    const zem_shard &shard = *zem_arrx_get_at(table.shards, i);
-    if (shard.state == zem_shard_state::splitting && is_full(shard)) return &shard;
+// Waits until the split that left no room for a run goes on; then there is room, or the gate keeps the
+// caller. False, at once, when writers have waited for room_wait_us on it, or need not any more.
+bool wait_for_room(zem_table &table, zem_shard &shard) {
+  std::uint64_t deadline_us = room_wait_us;
+  {
+    zem_read_guard held(shard.lock);
+    deadline_us += shard.full_since_us;
   }
-  return nullptr;
+  zem_lock_guard held(table.wait_mutex);
+  while (shard.state == zem_shard_state::splitting) {
+    if (!table.open || table.closing) return false;
+    if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return false;
+  }
+  return true;
 }
 
-// Waits until such a split goes on; then the gate keeps the caller, or there is room. Only routings park
-// updates, so what is seen here holds until this routing.
-void wait_for_room(zem_table &table) ZEM_REQUIRES(table.routing) {
-  if (zem_table_hold(table) < 0) return;
-  zem_on_exit unhold([&] { zem_table_unhold(table); });
-  const std::uint64_t deadline_us = zem_timer_stamp() + room_wait_us;
-  while (const zem_shard *full = find_full(table)) {
-    zem_lock_guard held(table.wait_mutex);
-    while (full->state == zem_shard_state::splitting) {
-      if (!table.open || table.closing) return;
-      if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return;
-    }
+// The same for each run that found no room; false too when there is none.
+bool wait_for_room(zem_table &table, const std::vector<zem_xshard> &runs) {
+  bool waited = false;
+  for (const zem_xshard &run : runs) {
+    if (!run.full) continue;
+    if (!wait_for_room(table, *run.shard)) return false;
+    waited = true;
   }
+  return waited;
+}
+
+// How a routing went.
+struct zem_routed {
+  zem_status st = zem_ok;
+  std::vector<zem_xshard> runs{};
+  lag behind{};
+};
+
+// Routes the pending batch once. The caller is a holder.
+zem_routed update_once(zem_table &table) {
+  zem_routed went;
+  zem_lock_guard routing(table.routing);
+  if (!has_pending(table)) return went;
+  went.st = zem_table_wait_lock(table, zem_table_role::writer);
+  if (went.st < 0) {
+    settle(table, went.st);
+    forget_count(table);
+    return went;
+  }
+  went.st = zem_boundary(
+      [&]() ZEM_UNCHECKED_LOCKS { return route_pending(table, went.runs, went.behind); });
+  zem_table_wait_clear(table, zem_table_role::writer);
+  settle(table, went.st);
+  return went;
+}
+
+// Routes a host's batch once. The caller is a holder.
+zem_routed update_once(zem_table &table, const zem_doc &doc, zem_keys *keys) {
+  zem_routed went;
+  zem_lock_guard routing(table.routing);
+  went.st = zem_table_wait_lock(table, zem_table_role::writer);
+  if (went.st < 0) return went;
+  went.st = zem_boundary([&] { return route(table, doc, went.runs, went.behind, keys); });
+  zem_table_wait_clear(table, zem_table_role::writer);
+  return went;
+}
+
+// Moves the runs that found no room to a batch of their own. The first failure of the others.
+zem_status take_full(const std::vector<zem_xshard> &runs, zem_doc &rest) {
+  zem_doc full;
+  zem_status first = zem_ok;
+  for (const zem_xshard &run : runs) {
+    if (!run.full) first = zem_status_first(first, run.result);
+    for (const doc_node *node = run.at; run.full && node != run.end; node = node->next)
+      zem_doc_load_term(full, node->id, node->term, node->value->flag);
+  }
+  zem_doc_swap(rest, full);
+  return first;
 }
 
 }  // namespace
@@ -253,37 +308,31 @@ bool zem_table_stuck(const zem_table &table) {
 }
 
 zem_status zem_table_update(zem_table &table, bool slow_down) {
-  std::vector<zem_xshard> runs;
-  lag behind;
-  zem_lock_guard routing(table.routing);
-  if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
-  if (!has_pending(table)) return zem_ok;
-  if (slow_down) wait_for_room(table);
-  zem_status st = zem_table_wait_lock(table, zem_table_role::writer);
-  if (st < 0) {
-    settle(table, st);
-    forget_count(table);
-    return st;
-  }
+  if (zem_status st = zem_table_hold(table); st < 0) return st;
   zem_on_exit unhold([&] { zem_table_unhold(table); });
-  st = zem_boundary([&]() ZEM_UNCHECKED_LOCKS { return route_pending(table, runs, behind); });
-  zem_table_wait_stay(table, zem_table_role::writer);
-  settle(table, st);
-  routing.unlock();
-  if (slow_down && behind.state != zem_shard_state::idle) zem_table_sleep(table, runs, behind);
-  return st;
+  for (;;) {
+    const zem_routed went = update_once(table);
+    if (!slow_down) return went.st;
+    if (wait_for_room(table, went.runs)) continue;
+    if (went.behind.state != zem_shard_state::idle) zem_table_sleep(table, went.runs, went.behind);
+    return went.st;
+  }
 }
 
 zem_status zem_table_update_x(zem_table &table, const zem_doc &doc, zem_keys *keys) {
-  std::vector<zem_xshard> runs;
-  lag behind;
-  zem_lock_guard routing(table.routing);
-  wait_for_room(table);
-  if (zem_status st = zem_table_wait_lock(table, zem_table_role::writer); st < 0) return st;
+  if (zem_status st = zem_table_hold(table); st < 0) return st;
   zem_on_exit unhold([&] { zem_table_unhold(table); });
-  const zem_status st = zem_boundary([&] { return route(table, doc, runs, behind, keys); });
-  zem_table_wait_stay(table, zem_table_role::writer);
-  routing.unlock();
-  if (behind.state != zem_shard_state::idle) zem_table_sleep(table, runs, behind);
-  return st;
+  zem_doc rest;
+  const zem_doc *batch = &doc;
+  zem_status first = zem_ok;
+  for (;;) {
+    const zem_routed went = update_once(table, *batch, keys);
+    if (wait_for_room(table, went.runs)) {
+      first = zem_status_first(first, take_full(went.runs, rest));
+      batch = &rest;
+      continue;
+    }
+    if (went.behind.state != zem_shard_state::idle) zem_table_sleep(table, went.runs, went.behind);
+    return zem_status_first(first, went.st);
+  }
 }

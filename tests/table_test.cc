@@ -150,6 +150,7 @@ TEST_F(TableTest, AWriterWaitsForRoomWhereASplitHasParkedTooMuch) {
   const auto park = [&](bool parked) {
     zem_write_guard held(shard.lock);
     shard.parked = parked;
+    shard.full_since_us = 0;
   };
   set_state(shard, zem_shard_state::splitting);
   park(true);
@@ -164,7 +165,10 @@ TEST_F(TableTest, AWriterWaitsForRoomWhereASplitHasParkedTooMuch) {
   EXPECT_GE(time_of(call, 1000), 9'000U);
   EXPECT_EQ(st, -EBUSY);
   EXPECT_THAT(pending(), ElementsAre(at(2, 1)));
+  call();  // one wait a split: the clock stands still
+  EXPECT_EQ(st, -EBUSY);
 
+  park(true);
   std::thread writer(call);
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
   park(false);
