@@ -228,10 +228,14 @@ void zem_sdb_callback(zem_sdb *sdb, uint32_t slot, zem_sdb_function function);
 /* `head` holds a term's word 0 in its low and word 1 in its high half, `third` holds word 2.
  *
  * All of these return ZEM_SDB_E_HANDLE for an unknown handle, ZEM_SDB_E_CLOSED while the table is
- * being cleared, and otherwise what routing the pending batch gave when they did so. A failed
- * routing loses nothing: what no shard took goes back to the pending batch and is tried again. A
- * call whose routing feeds a shard that lags behind with its merges is slowed down in steps of
- * `commit_time` milliseconds. */
+ * being cleared, and otherwise what routing the pending batch gave when they did so. After a failed
+ * routing what no shard took goes back to the pending batch and is tried again, until 16 times
+ * `commit_num` changes have gathered there: then a call's own changes are refused as far as no shard
+ * takes them. Both show as the same failure, so a host that cannot do without its changes gives them
+ * once more when the cause has gone: a change that is given twice is made once. A call whose routing
+ * feeds a shard that lags behind with its merges is slowed down in steps of `commit_time`
+ * milliseconds; one that meets a split with no room for its changes waits, until 10 s after the first
+ * such call it fails with -EBUSY. */
 
 /** Adds the insert of one posting to the pending batch. */
 int32_t zem_sdb_insert(zem_sdb *sdb, uint64_t table, uint64_t id, uint64_t head, uint32_t third);
@@ -246,7 +250,8 @@ int32_t zem_sdb_deletes(zem_sdb *sdb, uint64_t table, const zem_var *ids, const 
                         const zem_var *thirds);
 /** Without `keys` (null): adds the batch to the pending batch, whose count rises by the batch's own
  * count. With `keys`: routes the batch at once and appends, for each shard whose high key grew, the
- * new high key and the shard's number. The host keeps its batch in both cases. */
+ * new high key and the shard's number; after a failure some shards may have taken their part, and
+ * nothing goes to the pending batch. The host keeps its batch in both cases. */
 int32_t zem_sdb_update(zem_sdb *sdb, uint64_t table, zem_doc *batch, zem_keys *keys);
 /** Routes the pending batch and has the workers make every changed log durable. */
 int32_t zem_sdb_commit(zem_sdb *sdb, uint64_t table);
