@@ -228,6 +228,21 @@ TEST_F(ToolDataTest, StreamThatIsCutOrChangedAnywhereLoadsNothing) {
   EXPECT_TRUE(refused(whole + whole));
 }
 
+TEST_F(ToolDataTest, LoadBringsBackWhatWasDeletedWithoutAMerge) {
+  load("t", "1 2 3 5\n1 2 3 4\n");
+  {
+    tool_database database;
+    ASSERT_FALSE(tool_database_open(database, root));
+    ASSERT_FALSE(tool_table_open(database, "t"));
+    for (const auto change : {&zem_sdb_insert, &zem_sdb_delete}) {
+      ASSERT_EQ(change(database.sdb, database.table, 5, tool_key_head({1, 2, 3}), 3), 0);
+      ASSERT_EQ(zem_sdb_commit(database.sdb, database.table), 0);
+    }
+  }
+  load("t", "1 2 3 5\n");
+  EXPECT_EQ(dump("t"), "1 2 3 5\n1 2 3 4\n");
+}
+
 TEST_F(ToolDataTest, BadLineIsRefusedByItsNumber) {
   const std::string good = "# two\n\n 1 2\t3 4 # a posting\r\n";
   for (const std::string line :
@@ -267,9 +282,10 @@ TEST_F(ToolDataTest, StopLeavesNothingHalfWritten) {
   EXPECT_FALSE(fs::exists(root + "/new"));
 
   const std::string file = write("file", "precious");
+  const auto files = std::distance(fs::directory_iterator(dir.path("")), {});
   EXPECT_EQ(sdb({"dump", root, "t", "-o", file}), failed);
   EXPECT_EQ(read(file), "precious");
-  EXPECT_FALSE(fs::exists(file + ".part"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path("")), {}), files);
   EXPECT_EQ(sdb({"copy", root, "t", "u"}), failed);
   EXPECT_EQ(sdb({"bench", "--postings", "1000", "--dir", root}), failed);
   writer.join();
@@ -291,9 +307,12 @@ TEST_F(ToolDataTest, ListingsSayWhatTheLibrarySays) {
   ASSERT_GT(rows.size(), 1U);
   std::vector<nlohmann::json> terms;
   for (const char *source : {"--data", "--log"}) {
-    for (const auto &row : rows)
-      terms.push_back(json({"terms", root, "t", "--shard", to_string(row["number"]), source,
-                            "--first", "1", "--limit", "3", "--json"}));
+    for (const auto &row : rows) {
+      const end result = sdb({"terms", root, "t", "--shard", to_string(row["number"]), source,
+                              "--first", "1", "--limit", "3", "--json"});
+      terms.push_back(nlohmann::json::parse(out));
+      EXPECT_EQ(result, terms.back()["terms"].empty() ? nothing : done);
+    }
   }
   const nlohmann::json ids = json({"ids", root, "t", "5", "5", "5", "--shard",
                                    to_string(rows[0]["number"]), "--log", "--skip", "1", "--json"});
@@ -362,12 +381,19 @@ TEST_F(ToolDataTest, MistakesAreNamedAndIndexedTablesCopiedAndCleared) {
       {nothing, {"ids", root, "notes", "1", "2", "3", "--shard", "1"}, ""},
       {usage, {"get", root, "notes", "1", "2", "4294967296"}, "4294967296"},
       {usage, {"dump", root, "notes", "--from", "1,2"}, "W0,W1,W2"},
+      {usage, {"dump", root, "notes", "--from", "1,2,3", "--to", "1,2,2"}, "no term between"},
+      {usage, {"ids", root, "notes", "1", "2", "3", "--shard", "1", "--skip", "-1"}, "is negative"},
       {usage, {"terms", root, "notes"}, "--shard"},
       {usage, {"terms", root, "notes", "--shard", "1", "--log", "--data"}, "--log"}};
   for (const auto &[code, arguments, why] : cases) {
     EXPECT_EQ(sdb(arguments), code) << ::testing::PrintToString(arguments) << out;
     EXPECT_THAT(err, HasSubstr(why));
   }
+  std::ofstream full("/dev/full");
+  std::ostringstream why;
+  const char *const list[] = {"sdb", "list", root.c_str()};
+  EXPECT_EQ(tool_run(3, list, {.out = full, .err = why, .terminal = false, .stop = stop}), failed);
+  EXPECT_THAT(why.str(), HasSubstr("cannot write the output"));
   EXPECT_GT(json({"bench", "--postings", "1000", "--dir", root, "--json"})["measured"].size(), 8U);
   EXPECT_EQ(std::distance(fs::directory_iterator(root), {}), 2);
 }

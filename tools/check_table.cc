@@ -162,7 +162,7 @@ void name_note(check_run &run, const std::string &name) {
   if (shard_number(name) != 0) {
     check_note(run, "stray", place,
                "no list names the shard: what a split, a load or a clear left that was cut short; "
-               "it goes when its number is used again");
+               "when none of the table's postings is missing, remove it");
   } else if (is_copy_aside(name)) {
     check_note(run, "aside", place,
                "a copy that an open set aside before it gave up a damaged part; look into it, then "

@@ -1,6 +1,7 @@
 #include "tools/data.h"
 
 #include <CLI/CLI.hpp>
+#include <limits>
 #include <memory>
 
 namespace {
@@ -64,6 +65,12 @@ void add_source(CLI::App &command, const std::shared_ptr<Options> &options) {
       ->excludes(data);
 }
 
+// The command line library's own check names the greatest floating-point number.
+CLI::Validator not_negative() {
+  return {[](const std::string &text) { return text.starts_with('-') ? "is negative" : ""; },
+          "COUNT"};
+}
+
 // An option that takes "W0,W1,W2" as one argument.
 template <class Options>
 void add_bound(CLI::App &command, const std::shared_ptr<Options> &options, const char *name,
@@ -78,6 +85,9 @@ void add_bound(CLI::App &command, const std::shared_ptr<Options> &options, const
             for (std::size_t i = 0; whole && i < term.size(); ++i)
               whole = CLI::detail::lexical_cast(words[i], term[i]);
             if (!whole) throw CLI::ValidationError(name, "takes three words of a term, W0,W1,W2");
+            if (options->range.to < options->range.from) {
+              throw CLI::ValidationError(name, "leaves no term between --from and --to");
+            }
           },
           what)
       ->type_name("W0,W1,W2");
@@ -108,7 +118,8 @@ void add_dump(const registry &commands) {
   CLI::App &command = commands.add(
       "dump", "Merge a table and write its postings in key order, for load", options, &tool_dump);
   add_place(command, options);
-  command.add_option("--shard", options->shard, "only this shard")->check(CLI::PositiveNumber);
+  command.add_option("--shard", options->shard, "only this shard")
+      ->check(CLI::Range(1U, std::numeric_limits<std::uint32_t>::max()));
   add_bound(command, options, "--from", &tool_range::from, "first term to write");
   add_bound(command, options, "--to", &tool_range::to, "last term to write");
   command.add_flag("--binary", options->binary, "write the binary form");
@@ -134,9 +145,9 @@ void add_listings(const registry &commands) {
   add_place(list_terms, terms);
   add_source(list_terms, terms);
   list_terms.add_option("--first", terms->first, "number of the first term, from 0")
-      ->check(CLI::NonNegativeNumber);
+      ->check(not_negative());
   list_terms.add_option("--limit", terms->limit, "terms to print, 20; 0 prints all")
-      ->check(CLI::NonNegativeNumber);
+      ->check(not_negative());
   add_json(list_terms, terms);
 
   const auto ids = std::make_shared<tool_ids_options>();
@@ -145,9 +156,8 @@ void add_listings(const registry &commands) {
   add_place(list_ids, ids);
   add_term(list_ids, ids);
   add_source(list_ids, ids);
-  list_ids.add_option("--skip", ids->skip, "ids to pass over")->check(CLI::NonNegativeNumber);
-  list_ids.add_option("--limit", ids->limit, "ids to print; 0 prints all")
-      ->check(CLI::NonNegativeNumber);
+  list_ids.add_option("--skip", ids->skip, "ids to pass over")->check(not_negative());
+  list_ids.add_option("--limit", ids->limit, "ids to print; 0 prints all")->check(not_negative());
   add_json(list_ids, ids);
 
   const auto get = std::make_shared<tool_get_options>();

@@ -189,8 +189,9 @@ tool_exit tool_list_terms(const tool_io &io, const tool_terms_options &options) 
   const tool_exit end = look_into(
       io, options.root, options.table,
       [&](const tool_database &database) { return read_terms(database, options, rows, more); });
-  if (end == tool_exit::done) print_terms(io, options, rows, more);
-  return end;
+  if (end != tool_exit::done) return end;
+  print_terms(io, options, rows, more);
+  return rows.empty() ? tool_exit::nothing : end;
 }
 
 tool_exit tool_list_ids(const tool_io &io, const tool_ids_options &options) {

@@ -89,7 +89,8 @@ tool_problem open_table(load_run &run, const tool_load_options &options) {
       postings == 0 && std::none_of(shards.begin(), shards.end(), [](const tool_shard &shard) {
         return shard.log_terms + shard.data_terms > 0;
       });
-  if (!empty) return {};
+  // An insert that follows a delete in one log is ignored: what was deleted before goes first.
+  if (!empty) return tool_settle(run.database, run.progress);
   run.bulk.emplace(run.database);
   run.bulk->shard_bytes = options.shard_mib << 20;
   return {};

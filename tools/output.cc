@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr mode_t mode = 0666;  // less what the process's mask takes
+
 tool_problem cannot_write(const tool_output &output) {
   const int error = errno;
   const std::string name = output.path.empty() ? "the output" : output.path;
@@ -24,6 +26,19 @@ tool_problem sync_directory(const tool_output &output) {
   tool_problem problem = done ? tool_problem{} : cannot_write(output);
   if (fd >= 0) ::close(fd);
   return problem;
+}
+
+tool_problem open_part(tool_output &output) {
+  int error = EEXIST;
+  // Another run may write the same file, or an ended one have left its part.
+  for (pid_t number = ::getpid(); output.fd < 0 && error == EEXIST; ++number) {
+    output.written = output.path + '.' + std::to_string(number) + ".part";
+    output.fd = ::open(output.written.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    error = errno;
+  }
+  if (output.fd >= 0) return {};
+  output.written.clear();
+  return tool_problem_errno("cannot write " + output.path, error);
 }
 
 }  // namespace
@@ -40,20 +55,15 @@ tool_problem tool_output_open(tool_output &output, const std::string &path) {
   const auto status = std::filesystem::status(path, error);
   // To put a file in the place of a device would take the device away.
   const bool direct = std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
-  const std::string name = direct ? path : path + ".part";
-  constexpr mode_t mode = 0666;
-  output.fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (output.fd < 0) return cannot_write(output);
-  if (!direct) output.written = name;
-  return {};
+  if (!direct) return open_part(output);
+  output.fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  return output.fd < 0 ? cannot_write(output) : tool_problem{};
 }
 
 tool_problem tool_output_write(tool_output &output, std::string_view bytes) {
   if (output.fd < 0) {
     output.io.out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    if (!output.io.out)
-      return {"cannot write the output: its reader has gone, or the disk is full"};
-    return {};
+    return output.io.out ? tool_problem{} : tool_problem{tool_output_lost};
   }
   while (!bytes.empty()) {
     const ssize_t done = ::write(output.fd, bytes.data(), bytes.size());

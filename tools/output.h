@@ -7,6 +7,10 @@
 
 #include "tools/tool.h"
 
+// Where the program's own output does not take what was written.
+inline constexpr const char *tool_output_lost =
+    "cannot write the output: its reader has gone, or the disk is full";
+
 struct tool_output {
   explicit tool_output(const tool_io &where) : io(where) {}
   ~tool_output();

@@ -10,6 +10,7 @@
 #include "include/zem_sdb.h"
 #include "tools/commands.h"
 #include "tools/data.h"
+#include "tools/output.h"
 
 namespace {
 
@@ -97,6 +98,13 @@ tool_exit parse_and_run(int argc, const char *const *argv, const tool_io &io) {
   return chosen ? chosen() : run_command(app, given, io);
 }
 
+// What was found and did not arrive is a failure, even where the command itself went well.
+tool_exit flushed(const tool_io &io, tool_exit end) {
+  io.out.flush();
+  if (io.out || end == tool_exit::usage || end == tool_exit::failed) return end;
+  return tool_fail(io, {tool_output_lost});
+}
+
 }  // namespace
 
 tool_problem tool_problem_errno(std::string_view what, int error) {
@@ -120,7 +128,7 @@ std::string tool_printable(std::string_view text) {
 int tool_run(int argc, const char *const *argv, const tool_io &io) {
   tool_exit end = tool_exit::failed;
   try {
-    end = parse_and_run(argc, argv, io);
+    end = flushed(io, parse_and_run(argc, argv, io));
   } catch (const std::bad_alloc &) {
     io.err << "sdb: out of memory: close other programs, or search for rarer words\n";
   } catch (const std::exception &error) {
