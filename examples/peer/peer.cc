@@ -19,6 +19,7 @@ namespace {
 
 constexpr std::uint32_t words = 1000;
 constexpr std::uint64_t documents = 600'000;  // a word each
+constexpr std::uint32_t batch_postings = 8192;
 
 std::uint32_t word_of(std::uint64_t id) { return static_cast<std::uint32_t>(id * 7919 % words); }
 
@@ -133,13 +134,15 @@ std::int32_t send_batch(zem_doc *batch) {
 
 std::int32_t insert_all(zem_sdb *sdb, std::uint64_t table) {
   const owner<zem_doc> there(zem_sdb_doc_new());
+  std::uint64_t added = 0;
   std::int32_t st = 0;
   for (std::uint64_t id = 1; st >= 0 && id <= documents; ++id) {
     const std::uint32_t term[3] = {word_of(id), 0, 0};
     if (!lies_there(term[0], id)) {
       st = zem_sdb_insert(sdb, table, id, term[0], 0);
-    } else if (zem_sdb_doc_add(there.get(), id, term, 1) < 0 || id % 8192 == 0) {
-      st = send_batch(there.get());
+    } else {
+      st = zem_sdb_doc_add(there.get(), id, term, 1);
+      if (st >= 0 && ++added % batch_postings == 0) st = send_batch(there.get());
     }
   }
   if (st >= 0) st = send_batch(there.get());
