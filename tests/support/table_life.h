@@ -78,17 +78,23 @@ class error_lines {
   zem_err *const err = zem_err_new(
       [](void *into, int level, const char *line) {
         auto *self = static_cast<error_lines *>(into);
-        if (level < 0 && self->on_info) self->on_info(line);
-        const std::lock_guard held(self->mutex_);
-        if (level >= 0) self->lines_.emplace_back(line);
+        std::unique_lock held(self->mutex_);
+        if (level >= 0) return void(self->lines_.emplace_back(line));
+        const auto told = self->on_info_;
+        held.unlock();
+        if (told) told(line);
       },
       this);
-  std::function<void(const std::string &)>
-      on_info;  // called with each line that tells of no failure
+  // From now on called with each line that tells of no failure.
+  void tell(std::function<void(const std::string &)> on_info) {
+    const std::lock_guard held(mutex_);
+    on_info_ = std::move(on_info);
+  }
 
  private:
   std::mutex mutex_;
   std::vector<std::string> lines_;
+  std::function<void(const std::string &)> on_info_;
 };
 
 // One batch of changes, all with this flag. `applied` is how many of them were.
@@ -228,12 +234,12 @@ class table_life {
                        [](const std::string &) {}) {
     std::binary_semaphore reached(0), go_on(0);
     std::string told;
-    lines.on_info = [&](const std::string &line) {
+    lines.tell([&](const std::string &line) {
       if (!line.starts_with("split ")) return;
       told = line;
       reached.release();
       go_on.acquire();
-    };
+    });
     zem_shard &one = *shards().front();
     one.state = zem_shard_state::splitting;
     splitting_ = this;
@@ -252,7 +258,7 @@ class table_life {
       go_on.release();
     }
     splitter.join();
-    lines.on_info = nullptr;
+    lines.tell(nullptr);
     return st;
   }
 
