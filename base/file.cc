@@ -170,6 +170,12 @@ zem_status zem_file_expand(zem_file &file, std::uint64_t size) {
   return zem_ok;
 }
 
+void zem_file_release(const zem_file &file, std::uint64_t offset) noexcept {
+  if (file.fd == nullptr || offset >= file.size) return;
+  std::ignore = ::fallocate(file.fd->number, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                            static_cast<off_t>(offset), static_cast<off_t>(file.size - offset));
+}
+
 zem_status zem_file_truncate(zem_file &file, std::uint64_t size) {
   if (file.fd == nullptr) return zem_status{-EBADF};
   const int number = file.fd->number;
@@ -183,6 +189,12 @@ zem_status zem_file_truncate(zem_file &file, std::uint64_t size) {
 zem_status zem_file_sync(const zem_file &file) noexcept {
   if (file.fd == nullptr) return zem_status{-EBADF};
   return zem_fd_sync(*file.fd);
+}
+
+void zem_file_start_sync(const zem_file &file, std::uint64_t offset, std::uint64_t size) noexcept {
+  if (file.fd == nullptr) return;
+  std::ignore = ::sync_file_range(file.fd->number, static_cast<off_t>(offset),
+                                  static_cast<off_t>(size), SYNC_FILE_RANGE_WRITE);
 }
 
 void zem_file_swap(zem_file &a, zem_file &b) noexcept {

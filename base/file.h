@@ -82,8 +82,13 @@ std::uint64_t zem_file_data(const zem_file &file, std::uint64_t offset) noexcept
 zem_status zem_file_write(zem_file &file, std::uint64_t offset, std::span<const std::byte> from);
 // Makes the file at least `size` bytes long; the new bytes are zero and have their space on disk.
 zem_status zem_file_expand(zem_file &file, std::uint64_t size);
+// Gives back the disk space of bytes behind `offset` that are zero; the size stays. A hint.
+void zem_file_release(const zem_file &file, std::uint64_t offset) noexcept;
 zem_status zem_file_truncate(zem_file &file, std::uint64_t size);
 zem_status zem_file_sync(const zem_file &file) noexcept;
+// Has the system begin to write out these bytes, so that the next sync finds less left to do. A hint:
+// nothing is durable before that sync, which also tells of failures.
+void zem_file_start_sync(const zem_file &file, std::uint64_t offset, std::uint64_t size) noexcept;
 void zem_file_swap(zem_file &a, zem_file &b) noexcept;  // descriptors and sizes; names stay
 
 // The size to which a file is grown before byte `end` - 1 of it is written: whole 8 MiB steps.

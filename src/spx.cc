@@ -78,6 +78,8 @@ void zem_xblk_shrink(zem_xblk &xblk) noexcept {
 namespace {
 
 constexpr std::uint32_t blocks_between_pauses = 256;  // 16 MiB
+// So much at a time is on its way to the disk while what follows is merged.
+constexpr std::uint32_t blocks_between_starts = 16;  // 1 MiB
 
 // The buffer empties only after the block is in the file and in the index: a failure on the way
 // leaves it to be written again, under the same number.
@@ -96,6 +98,10 @@ zem_status write_data_block(zem_spx &spx, zem_xblk &xblk, std::uint32_t pause_ms
   xblk.rec_num = 0;
   xblk.cont = 0;
   xblk.pos = format::groups_at;
+  if (xblk.blk_no % blocks_between_starts == 0) {
+    zem_file_start_sync(spx.file, zem_spx_offset(xblk.blk_no - blocks_between_starts),
+                        blocks_between_starts * zem_block_size);
+  }
   if (pause_ms != 0 && xblk.blk_no % blocks_between_pauses == 0) zem_timer_sleep(pause_ms);
   return zem_ok;
 }
@@ -259,7 +265,9 @@ zem_status zem_spx_merge(zem_spx &spx, std::uint32_t next_blk_no) {
     }
     append_entry(writer, *node);
   }
-  return write_index_block(spx, writer, /*last=*/true);
+  if (zem_status st = write_index_block(spx, writer, /*last=*/true); st < 0) return st;
+  zem_file_release(spx.file, zem_spx_offset(writer.next_blk_no));
+  return zem_ok;
 }
 
 zem_status zem_spx_finish(zem_spx &spx, zem_xblk &xblk) {
