@@ -18,6 +18,7 @@
 //   queue     zem_task::mutex        the task queue; always last but for a leaf or the error log
 //   leaf      a loader's or a timer's own mutex, which nothing is taken under
 //   log       zem_err::mutex         one line at a time to the host's sink
+//   pool      the spare blocks of all pools; wherever memory is asked for
 #pragma once
 
 #include <chrono>
@@ -62,7 +63,8 @@ enum class zem_lock_rank : std::uint8_t {
   cache,
   queue,
   leaf,
-  log
+  log,
+  pool
 };
 
 #ifdef NDEBUG

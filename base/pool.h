@@ -1,9 +1,10 @@
 // A pool of records of one type: blocks of `units` records, handed out in turn, given back whole.
 //
-// Blocks come zeroed and untouched from the kernel, so the part of a block that was never handed
-// out costs no memory, or less than a huge page of it. Records are trivial: nothing runs when a pool lets them go.
+// Blocks come untouched from the kernel, so the part of a block that was never handed out costs no
+// memory, or less than a huge page of it; or they are spare ones that another pool gave back a moment
+// ago. Records are trivial: nothing runs when a pool lets them go.
 //
-// Takes no locks: it belongs to its owner's lock.
+// A pool takes no locks: it belongs to its owner's lock. The spare blocks have one of their own.
 #pragma once
 
 #include <algorithm>
@@ -16,11 +17,17 @@
 
 #include "base/assert.h"
 
-// Zeroed memory for one block; throws std::bad_alloc when it cannot be had. With huge pages a large block
-// costs a fault every 2 MiB instead of every 4 KiB, and what lies in it fewer address lookups.
+// Memory for one block, of any content; throws std::bad_alloc when it cannot be had. With huge pages a
+// large block costs a fault every 2 MiB instead of every 4 KiB, and what lies in it fewer address
+// lookups. Such blocks are kept when they are given back, as zem_pool_spare_bytes allows: the kernel
+// would clear each page anew.
 enum class zem_pool_pages : std::uint8_t { small, huge };
 void *zem_pool_map(std::size_t bytes, zem_pool_pages pages);
-void zem_pool_unmap(void *block, std::size_t bytes) noexcept;
+void zem_pool_unmap(void *block, std::size_t bytes, zem_pool_pages pages) noexcept;
+
+// Gives spare blocks back to the system, if none came or went for `micros` microseconds.
+inline constexpr std::size_t zem_pool_spare_bytes = std::size_t{64} << 20;
+void zem_pool_trim(std::uint64_t micros) noexcept;
 
 template <class T>
 struct zem_pool {
@@ -38,6 +45,11 @@ struct zem_pool {
   T *end = nullptr;         // where that block ends
 };
 
+// A pool that has filled one block will use most of the next.
+constexpr zem_pool_pages zem_pool_pages_of(std::size_t block) noexcept {
+  return block == 0 ? zem_pool_pages::small : zem_pool_pages::huge;
+}
+
 // Makes sure that the next `records` calls of zem_pool_take() succeed. Throws std::bad_alloc.
 template <class T>
 void zem_pool_reserve(zem_pool<T> &pool, std::size_t records) {
@@ -47,8 +59,7 @@ void zem_pool_reserve(zem_pool<T> &pool, std::size_t records) {
     if (pool.blocks.size() == pool.blocks.capacity()) {
       pool.blocks.reserve(std::max<std::size_t>(8, 2 * pool.blocks.size()));
     }
-    // A pool that has filled one block will use most of the next.
-    const auto pages = pool.blocks.empty() ? zem_pool_pages::small : zem_pool_pages::huge;
+    const zem_pool_pages pages = zem_pool_pages_of(pool.blocks.size());
     pool.blocks.push_back(static_cast<T *>(zem_pool_map(pool.units * sizeof(T), pages)));
   }
 }
@@ -82,8 +93,10 @@ void zem_pool_empty(zem_pool<T> &pool) noexcept {
 // Every record becomes free; all blocks but the first `kept` are given back.
 template <class T>
 void zem_pool_shrink(zem_pool<T> &pool, std::size_t kept) noexcept {
-  for (; pool.blocks.size() > kept; pool.blocks.pop_back())
-    zem_pool_unmap(pool.blocks.back(), pool.units * sizeof(T));
+  for (; pool.blocks.size() > kept; pool.blocks.pop_back()) {
+    const zem_pool_pages pages = zem_pool_pages_of(pool.blocks.size() - 1);
+    zem_pool_unmap(pool.blocks.back(), pool.units * sizeof(T), pages);
+  }
   zem_pool_empty(pool);
 }
 

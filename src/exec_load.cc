@@ -310,7 +310,7 @@ zem_status append_lent(zem_exec &exec, zem_shard_remains &remains) ZEM_REQUIRES(
 }
 
 // What the exchange of a lent shard's data file has left.
-void release(const zem_exec &exec, zem_shard_remains &remains) ZEM_REQUIRES(exec.mutex) {
+void release(const zem_exec &exec, const zem_shard_remains &remains) ZEM_REQUIRES(exec.mutex) {
   const zem_status st = zem_shard_merge_release(*exec.shard, remains);
   if (st >= 0) return;
   zem_err_log(exec.table->err_log, 0, "shard %d: files replaced by a load stay behind: %d",

@@ -60,8 +60,8 @@ bool has_log(const zem_shard &shard) {
 
 // The merge task of a shard that was claimed for it.
 zem_status zem_task_merge(zem_shard &shard) {
+  zem_shard_remains remains;  // goes after the state: writers are held up no longer than needed
   zem_on_exit let_go([&] { shard.state = zem_shard_state::idle; });
-  zem_shard_remains remains;
   bool followed = false;
   zem_status st = zem_ok;
   if (has_log(shard)) {

@@ -250,8 +250,8 @@ struct zem_shard_remains {
 };
 
 // Removes what the last merge could not remove, or a crash left. A frozen log in use is no
-// leftover, and an old data file stays while nothing stands in its place. The renames that made them leftovers are
-// durable before they go.
+// leftover, and an old data file stays while nothing stands in its place. The renames that made them
+// leftovers are durable before they go.
 zem_status zem_shard_tidy(const zem_shard &shard) ZEM_REQUIRES(shard.lock);
 
 // Freezes the live log, unless an earlier attempt's frozen log is still there, and creates the new
@@ -268,8 +268,9 @@ zem_status zem_shard_merge(zem_shard &shard) ZEM_UNCHECKED_LOCKS;
 zem_status zem_shard_merge_end(zem_shard &shard, zem_shard_remains &remains)
     ZEM_REQUIRES(shard.lock);
 
-// Removes the files of a merge that has ended, and lets their memory go. zem_ok or the failure.
-zem_status zem_shard_merge_release(const zem_shard &shard, zem_shard_remains &remains);
+// Removes the files of a merge that has ended. Their space and the map's memory take longer to give
+// back: that happens when `remains` goes, for which the shard need not wait. zem_ok or the failure.
+zem_status zem_shard_merge_release(const zem_shard &shard, const zem_shard_remains &remains);
 
 // Removes the unfinished data file. The frozen log stays.
 void zem_shard_merge_cancel(zem_shard &shard) ZEM_REQUIRES(shard.lock);

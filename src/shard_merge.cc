@@ -95,17 +95,13 @@ zem_status zem_shard_merge_end(zem_shard &shard, zem_shard_remains &remains) {
   return zem_ok;
 }
 
-zem_status zem_shard_merge_release(const zem_shard &shard, zem_shard_remains &remains) {
-  zem_status st = zem_spm_close(remains.log);
-  st = zem_status_first(st, zem_spx_close(remains.dat));
-  zem_spm_shrink(remains.log);
-  zem_spx_shrink(remains.dat);
+zem_status zem_shard_merge_release(const zem_shard &shard, const zem_shard_remains &remains) {
   if (remains.renamed < 0) return remains.renamed;
   const std::string frozen = zem_shard_fname(shard.directory, shard.id, zem_suffix::frozen_log);
   const std::string old_dat = zem_shard_fname(shard.directory, shard.id, zem_suffix::old_dat);
   const zem_status removed = zem_file_remove_if_exists(frozen);
   if (removed < 0) return removed;
-  return zem_status_first(zem_file_remove(old_dat), st);
+  return zem_file_remove(old_dat);
 }
 
 void zem_shard_merge_cancel(zem_shard &shard) {

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr std::uint64_t gate_wait_us = 300ULL * 1000 * 1000;
+constexpr std::uint64_t spare_pool_us = 1000 * 1000;  // a log map that grows asks more often
 
 }  // namespace
 
@@ -20,6 +21,7 @@ zem_table::~zem_table() {
   zem_task_close(task);
   for (std::size_t i = 0; i < zem_arrx_count(shards); ++i)
     delete zem_arrx_get_at(shards, i);
+  zem_pool_trim(0);
 }
 
 std::vector<zem_shard *> zem_table_shard_list(const zem_table &table) {
@@ -251,6 +253,7 @@ void zem_table_timer(zem_table &table) {
     zem_lock_guard listed(table.list_mutex);
     std::ignore = zem_table_restore(table);
   }
+  zem_pool_trim(spare_pool_us);
   request_retries(table);  // first: a batch that cannot be routed may wait for just these
   if (has_quiet_batch(table) && zem_table_update(table, false) < 0) return;
   zem_table_request_commits(table, zem_table_which::quiet);

@@ -23,7 +23,8 @@ void take(zem_pool<record> &pool, std::size_t count) {
 }
 
 TEST(Pool, RecordsAreZeroHoweverOftenTheyWereUsed) {
-  for (const std::size_t units : {1U, 10U, 5000U}) {  // blocks on the heap, and mapped ones
+  // Blocks on the heap, mapped ones, and such as another pool gave back before.
+  for (const std::size_t units : {1U, 10U, 5000U, 60'000U, 60'000U}) {
     zem_pool<record> pool(units);
     take(pool, 1);
     zem_pool_reserve(pool, 3 * units);
