@@ -31,6 +31,6 @@ build() { # source package, target, CMake options
 apt update
 build leveldb "$(version libleveldb-dev)" leveldb \
   -DLEVELDB_BUILD_TESTS=OFF -DLEVELDB_BUILD_BENCHMARKS=OFF
-build rocksdb "$(version librocksdb-dev)" rocksdb-shared -DPORTABLE=ON -DUSE_RTTI=ON \
+build rocksdb "$(version librocksdb-dev)" rocksdb-shared -DPORTABLE=ON \
   -DFAIL_ON_WARNINGS=OFF -DWITH_TESTS=OFF -DWITH_TOOLS=OFF -DWITH_CORE_TOOLS=OFF \
   -DWITH_BENCHMARK_TOOLS=OFF -DWITH_GFLAGS=OFF
