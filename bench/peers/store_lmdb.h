@@ -18,7 +18,7 @@ class lmdb_store {
     std::filesystem::create_directories(directory);
     check(mdb_env_create(&env_));
     check(mdb_env_set_mapsize(env_, map_bytes));
-    check(mdb_env_open(env_, directory.c_str(), synced ? 0 : MDB_NOSYNC, 0666));
+    check(mdb_env_open(env_, directory.c_str(), synced ? 0 : MDB_NOSYNC | MDB_WRITEMAP, 0666));
     MDB_txn *txn = nullptr;
     check(mdb_txn_begin(env_, nullptr, 0, &txn));
     check(mdb_dbi_open(txn, nullptr, MDB_CREATE | MDB_DUPSORT | MDB_DUPFIXED | MDB_INTEGERDUP,
@@ -35,13 +35,16 @@ class lmdb_store {
   void write(std::span<const posting> postings) {
     MDB_txn *txn = nullptr;
     check(mdb_txn_begin(env_, nullptr, 0, &txn));
+    MDB_cursor *cursor = nullptr;  // finds the next key of a sorted batch near the last one
+    check(mdb_cursor_open(txn, dbi_, &cursor));
     for (const posting &each : postings) {
       term_key key(each.term);
       std::uint64_t id = each.id;
       MDB_val data{sizeof id, &id};
-      const int rc = mdb_put(txn, dbi_, &key.val, &data, MDB_NODUPDATA);
+      const int rc = mdb_cursor_put(cursor, &key.val, &data, MDB_NODUPDATA);
       if (rc != MDB_KEYEXIST) check(rc);
     }
+    mdb_cursor_close(cursor);
     check(mdb_txn_commit(txn));
   }
   std::span<const std::uint64_t> find(std::uint32_t term) {
