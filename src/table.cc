@@ -221,7 +221,9 @@ zem_status zem_table_sync(zem_table &table) {
 
 zem_status zem_table_wait(zem_table &table, std::uint32_t millis) {
   if (!table.open) return zem_status{ZEM_SDB_E_CLOSED};
-  return zem_task_wait(table.task, zem_timer_stamp() + std::uint64_t{millis} * 1000);
+  const zem_status st = zem_task_wait(table.task, zem_timer_stamp() + std::uint64_t{millis} * 1000);
+  if (st > 0) zem_pool_trim(0);
+  return st;
 }
 
 namespace {
