@@ -8,18 +8,16 @@
 // Prints a line of JSON a store and work, then a table.
 #include <CLI/CLI.hpp>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <fcntl.h>
-#include <fstream>
 #include <iostream>
 #include <nlohmann/json.hpp>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
+#include "bench/peers/measure.h"
 #include "bench/peers/store_kv.h"
 #include "bench/peers/store_lmdb.h"
 #include "bench/peers/store_sdb.h"
@@ -39,41 +37,6 @@ struct settings {
   int seconds = 20;
   std::string directory = "peers.data";
 };
-
-double now() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-double processor_seconds() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  const auto seconds = [](const timeval &time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-  };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
-// ---- memory and disk
-
-double memory_mib(const char *field) {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with(field)) return std::stod(line.substr(line.find(':') + 1)) / 1024;
-  }
-  return 0;
-}
-
-void forget_peak_memory() { std::ofstream("/proc/self/clear_refs") << 5; }
-
-double disk_bytes(const std::string &directory) {
-  double bytes = 0;
-  for (const auto &entry : fs::recursive_directory_iterator(directory)) {
-    struct ::stat status {};
-    if (::stat(entry.path().c_str(), &status) == 0 && entry.is_regular_file())
-      bytes += static_cast<double>(status.st_blocks) * 512;
-  }
-  return bytes;
-}
 
 // Lets the system forget the pages of all files.
 void drop_pages(const std::string &directory) {

@@ -14,12 +14,15 @@ class sdb_store {
  public:
   static constexpr const char *name = "sdb";
 
-  sdb_store(const std::string &directory, bool synced, bool tuned) : synced_(synced) {
+  sdb_store(const std::string &directory, bool synced, bool tuned, std::uint32_t split_mib = 512)
+      : synced_(synced) {
     std::filesystem::create_directories(directory + "/t");
     std::ofstream(directory + "/t/sdb.xml")
-        << (tuned ? "<table><commit_time>0</commit_time><merge_time>0</merge_time>"
-                    "<merge_num>64</merge_num></table>"
-                  : "<table></table>");
+        << "<table><split_num>" << split_mib << "</split_num>"
+        << (tuned
+                ? "<commit_time>0</commit_time><merge_time>0</merge_time><merge_num>64</merge_num>"
+                : "")
+        << "</table>";
     sdb_ = zem_sdb_new(directory.c_str(), nullptr);
     table_ = zem_sdb_table_open(sdb_, "t");
     if (table_ == 0) throw std::runtime_error("sdb: no table");

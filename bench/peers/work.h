@@ -65,6 +65,14 @@ class documents {
   std::vector<std::uint64_t> last_with_;
 };
 
+// Sorts each batch.
+inline void sort_batches(std::vector<posting> &postings) {
+  for (std::size_t i = 0; i < postings.size(); i += batch_size)
+    std::sort(
+        postings.begin() + static_cast<std::ptrdiff_t>(i),
+        postings.begin() + static_cast<std::ptrdiff_t>(std::min(postings.size(), i + batch_size)));
+}
+
 enum class spread { zipf, uniform };
 
 // `count` postings, sorted batch by batch.
@@ -82,9 +90,7 @@ inline std::vector<posting> make_postings(spread how, std::size_t count) {
       postings.push_back({static_cast<std::uint32_t>(random() % term_count), random() | 1});
   }
   postings.resize(count);
-  for (std::size_t i = 0; i < count; i += batch_size)
-    std::sort(postings.begin() + static_cast<std::ptrdiff_t>(i),
-              postings.begin() + static_cast<std::ptrdiff_t>(std::min(count, i + batch_size)));
+  sort_batches(postings);
   return postings;
 }
 
