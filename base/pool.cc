@@ -1,5 +1,6 @@
 #include "base/pool.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -44,25 +45,34 @@ struct spare_block {
   std::size_t length;
 };
 
+// Holds what zem_pool_spare_bytes allows of the smallest blocks, so that giving back needs no memory.
+using spare_blocks = std::array<spare_block, zem_pool_spare_bytes / huge_bytes>;
+
 // All pools' spare blocks.
 struct {
   zem_mutex mutex{zem_lock_rank::pool};
-  // Holds what zem_pool_spare_bytes allows of the smallest blocks, so that giving back needs no memory.
-  std::array<spare_block, zem_pool_spare_bytes / huge_bytes> blocks ZEM_GUARDED_BY(mutex);
+  spare_blocks blocks ZEM_GUARDED_BY(mutex);  // those kept last are taken first
   std::size_t count ZEM_GUARDED_BY(mutex) = 0;
   std::size_t bytes ZEM_GUARDED_BY(mutex) = 0;
-  std::uint64_t used_us ZEM_GUARDED_BY(mutex) = 0;  // when one last came or went
+  std::size_t least ZEM_GUARDED_BY(mutex) = 0;  // how many were there all the time since `since_us`
+  std::uint64_t since_us ZEM_GUARDED_BY(mutex) = 0;
 } spares;
+
+// Takes out the block at `index`.
+spare_block remove_spare(std::size_t index) noexcept ZEM_REQUIRES(spares.mutex) {
+  const spare_block spare = spares.blocks[index];
+  std::copy(spares.blocks.begin() + index + 1, spares.blocks.begin() + spares.count,
+            spares.blocks.begin() + index);
+  --spares.count;
+  spares.bytes -= spare.length;
+  spares.least = std::min(spares.least, spares.count);
+  return spare;
+}
 
 void *take_spare(std::size_t length) noexcept {
   zem_lock_guard held(spares.mutex);
   for (std::size_t i = spares.count; i > 0; --i) {
-    const spare_block spare = spares.blocks[i - 1];
-    if (spare.length != length) continue;
-    spares.blocks[i - 1] = spares.blocks[--spares.count];
-    spares.bytes -= length;
-    spares.used_us = zem_timer_stamp();
-    return spare.block;
+    if (spares.blocks[i - 1].length == length) return remove_spare(i - 1).block;
   }
   return nullptr;
 }
@@ -72,18 +82,29 @@ bool keep_spare(void *block, std::size_t length) noexcept {
   if (spares.bytes + length > zem_pool_spare_bytes) return false;
   spares.blocks[spares.count++] = {block, length};
   spares.bytes += length;
-  spares.used_us = zem_timer_stamp();
   return true;
+}
+
+// Takes out what nobody needed for `micros` microseconds and returns how many blocks that are.
+std::size_t take_unneeded(std::uint64_t micros, spare_blocks &unneeded) noexcept {
+  zem_lock_guard held(spares.mutex);
+  const std::uint64_t now_us = zem_timer_stamp();
+  if (now_us - spares.since_us < micros) return 0;
+  const std::size_t taken = micros == 0 ? spares.count : spares.least;
+  for (std::size_t i = 0; i < taken; ++i)
+    unneeded[i] = remove_spare(spares.count - 1);
+  spares.least = spares.count;
+  spares.since_us = now_us;
+  return taken;
 }
 
 }  // namespace
 
 void zem_pool_trim(std::uint64_t micros) noexcept {
-  zem_lock_guard held(spares.mutex);
-  if (zem_timer_stamp() - spares.used_us < micros) return;
-  for (; spares.count > 0; --spares.count)
-    munmap(spares.blocks[spares.count - 1].block, spares.blocks[spares.count - 1].length);
-  spares.bytes = 0;
+  spare_blocks unneeded;
+  const std::size_t count = take_unneeded(micros, unneeded);
+  for (std::size_t i = 0; i < count; ++i)
+    munmap(unneeded[i].block, unneeded[i].length);
 }
 
 void *zem_pool_map(std::size_t bytes, zem_pool_pages pages) {

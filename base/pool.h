@@ -25,8 +25,12 @@ enum class zem_pool_pages : std::uint8_t { small, huge };
 void *zem_pool_map(std::size_t bytes, zem_pool_pages pages);
 void zem_pool_unmap(void *block, std::size_t bytes, zem_pool_pages pages) noexcept;
 
-// Gives spare blocks back to the system, if none came or went for `micros` microseconds.
-inline constexpr std::size_t zem_pool_spare_bytes = std::size_t{64} << 20;
+// The blocks of a log of 64 MiB and more: to clear them anew costs a writer a third of its time.
+inline constexpr std::size_t zem_pool_spare_bytes = std::size_t{512} << 20;
+
+// Gives those spare blocks back to the system that no pool has needed for `micros` microseconds, or a
+// little longer; all of them when that is 0. To be called from time to time, always with the same number
+// or with 0.
 void zem_pool_trim(std::uint64_t micros) noexcept;
 
 template <class T>

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds RocksDB and LevelDB from Debian's source packages with assertions off, into build/peers.libs:
 # the packaged libraries have them on, which costs them speed. scripts/bench.sh peers takes what it
-# finds there. Takes about half an hour on two cores, once.
+# finds there. Takes ten minutes to half an hour on two cores, once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh

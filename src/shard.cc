@@ -121,12 +121,13 @@ zem_status apply(zem_shard &shard, zem_proc &proc, const zem_doc_val &change)
   return zem_shard_log(shard, proc, change.term, change.id, change.flag != 0);
 }
 
-void fetch_ahead(const zem_spm &log, std::span<const zem_doc_val *const> changes) {
+zem_xtree_places<zem_spm_val> fetch_ahead(const zem_spm &log,
+                                          std::span<const zem_doc_val *const> changes) {
   std::array<zem_xkey, zem_xtree_flight> keys{};
   const std::size_t count = std::min(changes.size(), keys.size());
   for (std::size_t i = 0; i < count; ++i)
     keys[i] = zem_xtree_key(changes[i]->term, changes[i]->id);
-  zem_xtree_prefetch(log.tree, std::span(keys).first(count));
+  return zem_xtree_prefetch(log.tree, std::span(keys).first(count));
 }
 
 // The first change that stays is `from`.
@@ -180,8 +181,11 @@ zem_status zem_shard_update(zem_shard &shard, zem_proc &proc,
     return st;
   }
   bool grew = false;
+  zem_xtree_places<zem_spm_val> places{};
   for (const zem_doc_val *change : changes) {
-    if (applied % zem_xtree_flight == 0) fetch_ahead(shard.log, changes.subspan(applied));
+    const std::size_t turn = applied % zem_xtree_flight;
+    if (turn == 0) places = fetch_ahead(shard.log, changes.subspan(applied));
+    zem_xtree_turn_to(shard.log.tree, places[turn]);
     const zem_status st = apply(shard, proc, *change);
     if (st < 0) {
       if (applied > 0) shard.stamp = zem_time();  // a commit has that much to see to

@@ -84,7 +84,7 @@ struct zem_xtree {
 
   std::int64_t count = 0;               // nodes
   zem_xentry<Value> *root = nullptr;    // null while there are none
-  zem_xentry<Value> *finger = nullptr;  // the level-0 entry last inserted into, null like `root`
+  zem_xentry<Value> *finger = nullptr;  // the level-0 entry to look in first, null like `root`
   zem_pool<zem_xentry<Value>> entry_pool;
   zem_pool<zem_xnode<Value>> node_pool;
   zem_pool<Value> value_pool;  // the owner takes its values here
@@ -107,11 +107,23 @@ void zem_xtree_prefetch_behind(const zem_xnode<Value> &node) noexcept {
   __builtin_prefetch(reinterpret_cast<const char *>(node.value) + line);
 }
 
-// Starts fetching what insertions of these keys, zem_xtree_flight at most, are going to touch, so that
-// their cache misses overlap instead of following one another.
+// Where keys that are about to be inserted belong, entries of level 0; null in a tree without nodes.
 inline constexpr std::size_t zem_xtree_flight = 8;
 template <class Value>
-void zem_xtree_prefetch(const zem_xtree<Value> &tree, std::span<const zem_xkey> keys) noexcept;
+using zem_xtree_places = std::array<zem_xentry<Value> *, zem_xtree_flight>;
+
+// Looks for the places of these keys, zem_xtree_flight at most, side by side, and starts fetching what
+// their insertions are going to touch, so that their cache misses overlap instead of following one
+// another. Places hold until the tree is emptied; insertions meanwhile may move a key's own a little on.
+template <class Value>
+zem_xtree_places<Value> zem_xtree_prefetch(const zem_xtree<Value> &tree,
+                                           std::span<const zem_xkey> keys) noexcept;
+
+// The next insertion looks near this place first.
+template <class Value>
+void zem_xtree_turn_to(zem_xtree<Value> &tree, zem_xentry<Value> *place) noexcept {
+  if (place != nullptr) tree.finger = place;
+}
 
 // The node of exactly this key, or null.
 template <class Value>
@@ -311,10 +323,11 @@ bool zem_xtree_node_set(zem_xtree<Value> &tree, const zem_term &term, std::uint6
 }
 
 template <class Value>
-void zem_xtree_prefetch(const zem_xtree<Value> &tree, std::span<const zem_xkey> keys) noexcept {
+zem_xtree_places<Value> zem_xtree_prefetch(const zem_xtree<Value> &tree,
+                                           std::span<const zem_xkey> keys) noexcept {
   ZEM_ASSERT(keys.size() <= zem_xtree_flight);
-  if (tree.root == nullptr) return;
-  std::array<const zem_xentry<Value> *, zem_xtree_flight> at{};
+  zem_xtree_places<Value> at{};
+  if (tree.root == nullptr) return at;
   at.fill(tree.root);
   for (std::uint32_t level = tree.root->level; level > 0; --level) {
     for (std::size_t i = 0; i < keys.size(); ++i) {
@@ -327,6 +340,7 @@ void zem_xtree_prefetch(const zem_xtree<Value> &tree, std::span<const zem_xkey> 
     if (index < at[i]->items.count) __builtin_prefetch(at[i]->items.items[index].node, 1);
     if (index > 0) __builtin_prefetch(at[i]->items.items[index - 1].node, 1);
   }
+  return at;
 }
 
 template <class Value>
