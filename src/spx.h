@@ -91,11 +91,11 @@ static_assert(zem_block_size <= std::numeric_limits<std::uint16_t>::max() + 1U);
 inline constexpr std::uint32_t first_data_block = 1;
 }  // namespace zem_spx_format
 
-// The parts of a data block: the groups that begin in one 2 KiB page of it make one part. A query for a
+// The parts of a data block: the groups that begin in one KiB of it make one part. A query for a
 // short term reads the part that holds it instead of the block, and trusts it by the checksum that was
 // taken when the block was last read whole and verified.
 struct zem_spx_parts {
-  static constexpr std::size_t page_size = 2048;
+  static constexpr std::size_t page_size = 1024;
   static constexpr std::size_t most = zem_block_size / page_size;
   struct part {
     zem_term term;      // of its first group

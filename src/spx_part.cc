@@ -10,8 +10,9 @@ namespace format = zem_spx_format;
 
 namespace {
 
-// Part reads of one block after which it is cached again; together they cost some ten reads of it.
-constexpr std::uint32_t reads_before_caching = 256;
+// Part reads of one block after which it is cached again. Together they cost forty reads of the block;
+// fewer would make more queries wait for one, of blocks that leave the cache again before it paid.
+constexpr std::uint32_t reads_before_caching = 1024;
 
 const zem_spx_parts *parts_of(const zem_spx_node &node) noexcept {
   return std::atomic_ref(node.value->parts).load(std::memory_order_acquire);

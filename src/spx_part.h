@@ -1,4 +1,4 @@
-// Reading a data block in parts (zem_spx_parts), which spares a query for a short term the other 60 KiB.
+// Reading a data block in parts (zem_spx_parts), which spares a query for a short term the other 63 KiB.
 #pragma once
 
 #include <cstddef>

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr std::uint64_t gate_wait_us = 300ULL * 1000 * 1000;
-constexpr std::uint64_t spare_pool_us = 2000 * 1000;  // a busy table's map has gone and grown by then
+constexpr std::uint64_t spare_pool_us = 2000 * 1000;  // a busy map is gone and back by then
 
 }  // namespace
 
