@@ -90,11 +90,17 @@ std::uint32_t zem_xarray_lower_bound(const zem_xarray<Item> &array, const zem_xk
   low += before(low) + before(low + 1) + before(low + 2) + before(low + 3) + before(low + 4) +
          before(low + 5) + before(low + 6);
 
-  // Among equal heads the other fields decide.
+  // Among equal heads the other fields decide. The first is tried first: new documents have greater ids
+  // than those before, which makes their postings the first of their terms.
+  const auto is_before = [&](std::uint32_t index) {
+    return zem_xkey_before(zem_xarray_key_at(array, index), key);
+  };
   std::uint32_t high = array.count;
+  if (low == high || array.heads[low] != key.head || !is_before(low)) return low;
+  ++low;
   while (low < high && array.heads[low] == key.head) {
     const std::uint32_t middle = low + (high - low) / 2;
-    if (zem_xkey_before(zem_xarray_key_at(array, middle), key)) {
+    if (is_before(middle)) {
       low = middle + 1;
     } else {
       high = middle;
