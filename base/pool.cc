@@ -92,7 +92,7 @@ std::size_t take_unneeded(std::uint64_t micros, spare_blocks &unneeded) noexcept
   if (now_us - spares.since_us < micros) return 0;
   const std::size_t taken = micros == 0 ? spares.count : spares.least;
   for (std::size_t i = 0; i < taken; ++i)
-    unneeded[i] = remove_spare(spares.count - 1);
+    unneeded[i] = remove_spare(0);
   spares.least = spares.count;
   spares.since_us = now_us;
   return taken;

@@ -358,8 +358,9 @@ int32_t zem_sdb_exec_load(zem_sdb *sdb, uint64_t load, zem_doc *batch, int to_da
 /** Completes a destination durably. Loading may go on after it. */
 int32_t zem_sdb_exec_commit(zem_sdb *sdb, uint64_t load, int to_data);
 /** Commits what was not and hands the shard to the table, holding up updates for a moment; stores
- * the shard's greatest key. Durable on return. After a failure (-EBUSY: updates in progress did not
- * end within 300 s) nothing has changed and the load is still open. */
+ * the shard's greatest key. Durable on return; should the very last sync fail, the table makes it good
+ * and zem_sdb_sync tells. After a failure (-EBUSY: updates in progress did not end within 300 s) nothing
+ * has changed and the load is still open. */
 int32_t zem_sdb_exec_close(zem_sdb *sdb, uint64_t load, uint64_t *id, uint32_t term[3]);
 /** Gives a load up and removes what was loaded. A lent shard's log into which others have written
  * meanwhile keeps the loaded postings too. */

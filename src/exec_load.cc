@@ -49,6 +49,14 @@ class [[nodiscard]] writer_bar {
     zem_lock_guard held(table_.wait_mutex);
     return zem_table_wait_empty(table_, zem_table_role::writer);
   }
+  // The same also while the table is being cleared or closed, which ends their own waits. Gives up after
+  // as long.
+  void wait_anyway() const {
+    const std::uint64_t deadline_us = zem_timer_stamp() + zem_table_gate_wait_us;
+    zem_lock_guard held(table_.wait_mutex);
+    while (table_.writers > 0 && table_.gate.wait_until(table_.wait_mutex, deadline_us))
+      continue;
+  }
 
  private:
   zem_table &table_;
@@ -64,15 +72,22 @@ namespace {
 
 // What an earlier life of a lent shard left goes.
 zem_status tidy_lent(zem_shard &shard) {
-  zem_write_guard held(shard.lock);
-  const zem_status st = zem_shard_tidy(shard);
-  if (st < 0) shard.loan = zem_shard_loan::none;
+  const zem_status st = zem_boundary([&] {
+    const zem_write_guard held(shard.lock);
+    return zem_shard_tidy(shard);
+  });
+  if (st < 0) {
+    zem_write_guard held(shard.lock);
+    shard.loan = zem_shard_loan::none;
+  }
   return st;
 }
 
 zem_status open_new_shard(zem_exec &exec, zem_table &table) ZEM_REQUIRES(exec.mutex) {
   exec.own = zem_table_next_shard(table);
   zem_write_guard held(exec.own->lock);
+  exec.own->loan =
+      zem_shard_loan::lent;  // a failed sync must not ask the table's workers for a merge
   const zem_status st = zem_shard_open_new(*exec.own);
   if (st < 0) std::ignore = zem_shard_clear(*exec.own);
   return st;
@@ -121,16 +136,23 @@ void lower(zem_exec &exec, const zem_mkey &first) ZEM_REQUIRES(exec.mutex) {
   if (!exec.lowest || comes_before(first, *exec.lowest)) exec.lowest = first;
 }
 
+// Whether a batch begins before the end of what was written, and is not the one that failed there.
+bool comes_too_early(const zem_exec &exec, const zem_mkey &first) ZEM_REQUIRES(exec.mutex) {
+  if (!exec.written || !comes_before(first, *exec.written)) return false;
+  return !exec.unfinished || zem_mkey_compare(*exec.unfinished, first.term, first.id) != 0;
+}
+
 }  // namespace
 
 zem_status zem_exec_load(zem_exec &exec, const zem_doc &batch) {
   zem_lock_guard held(exec.mutex);
   if (exec.ended) return zem_status{ZEM_SDB_E_HANDLE};
   const doc_node *node = zem_xtree_node_first(batch.tree);
-  const bool too_early = node != nullptr && exec.floor && comes_before(key_of(*node), *exec.floor);
-  if (too_early) return zem_status{-EINVAL};
+  if (node != nullptr && comes_too_early(exec, key_of(*node))) return zem_status{-EINVAL};
   if (zem_status st = begin_dat(exec); st < 0) return st;
-  if (node != nullptr) lower(exec, key_of(*node));
+  if (node == nullptr) return zem_ok;
+  lower(exec, key_of(*node));
+  exec.unfinished = key_of(*node);
   const std::uint32_t pause_ms = exec.table->cfg.merge_time;
   for (; node != nullptr; node = node->next) {
     const zem_mkey key = key_of(*node);
@@ -140,7 +162,7 @@ zem_status zem_exec_load(zem_exec &exec, const zem_doc &batch) {
     if (st < 0) return st;
     exec.written = key;
   }
-  exec.floor = exec.written;
+  exec.unfinished.reset();
   return zem_ok;
 }
 
@@ -278,8 +300,10 @@ zem_status append_new(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
                    exec.shard->id);
   }
   if (zem_status st = zem_table_write(table, numbers); st < 0) return st;
-  zem_write_guard held(table.lock);
+  zem_write_guard table_held(table.lock);
+  zem_write_guard held(exec.shard->lock);
   exec.shard->mkey = exec.key;
+  exec.shard->loan = zem_shard_loan::none;
   zem_table_append(table, std::move(exec.own));
   return zem_ok;
 }
@@ -342,9 +366,8 @@ zem_status zem_exec_append(zem_exec &exec, zem_mkey &key) {
 
 namespace {
 
-// Takes back what was loaded into the lent shard, but for a log that holds what others wrote. True: it
-// took all back.
-bool undo_lent(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
+// Takes back what was loaded into the lent shard. zem_yes: its log stays, for it holds what others wrote.
+zem_status undo_lent(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
   zem_shard &shard = *exec.shard;
   zem_write_guard held(shard.lock);
   if (exec.dat != zem_exec_dat::untouched) {
@@ -352,33 +375,42 @@ bool undo_lent(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
     // Also after an exchange that could not be undone: the next open then takes the old file back.
     std::ignore = zem_file_remove_if_exists(shard.mdat.file.name);
   }
-  if (!exec.logged) return true;
-  return shard.loan == zem_shard_loan::lent && zem_shard_drop_log(shard) >= 0;
+  if (!exec.logged) return zem_ok;
+  if (shard.loan != zem_shard_loan::lent) return zem_yes;
+  const zem_status st = zem_shard_drop_log(shard);
+  return st < 0 ? st : zem_ok;
 }
 
-// Writers stay out meanwhile, for they read the keys. Where they cannot be waited for, the table is being
-// cleared or closed, and its keys matter no more.
+// Writers stay out meanwhile, for they read the keys.
 void return_lent(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
   const writer_bar bar(*exec.table);
-  const bool alone = bar.wait() >= 0;
-  const bool undone = undo_lent(exec);
+  bar.wait_anyway();
+  const zem_status undone = zem_boundary([&]() ZEM_UNCHECKED_LOCKS { return undo_lent(exec); });
+  if (undone < 0) {
+    zem_err_log(exec.table->err_log, 0, "shard %d: what a cancelled load logged stays: %d",
+                static_cast<std::int32_t>(exec.shard->id), undone);
+  }
   zem_write_guard table_held(exec.table->lock);
   zem_write_guard held(exec.shard->lock);
-  if (!undone && alone) zem_table_raise(*exec.table, *exec.shard, exec.key);
+  if (undone != zem_ok) zem_table_raise(*exec.table, *exec.shard, exec.key);
   exec.shard->loan = zem_shard_loan::none;
 }
 
-void remove_new(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
+zem_status clear_new(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
   zem_write_guard held(exec.own->lock);
-  if (zem_status st = zem_shard_clear(*exec.own); st < 0) {
-    zem_err_log(exec.table->err_log, 0, "shard %d: files of a cancelled load stay behind: %d",
-                static_cast<std::int32_t>(exec.own->id), st);
-  }
+  return zem_shard_clear(*exec.own);
+}
+
+void remove_new(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
+  const zem_status st = zem_boundary([&]() ZEM_UNCHECKED_LOCKS { return clear_new(exec); });
+  if (st >= 0) return;
+  zem_err_log(exec.table->err_log, 0, "shard %d: files of a cancelled load stay behind: %d",
+              static_cast<std::int32_t>(exec.shard->id), st);
 }
 
 }  // namespace
 
-void zem_exec_close(zem_exec &exec) {
+void zem_exec_close(zem_exec &exec) noexcept {
   zem_lock_guard held(exec.mutex);
   if (exec.ended) return;
   exec.ended = true;

@@ -54,7 +54,8 @@ struct zem_exec {
   zem_mkey key ZEM_GUARDED_BY(mutex);                     // the greatest loaded
   std::optional<zem_mkey> lowest ZEM_GUARDED_BY(mutex);   // the least loaded; none: nothing was
   std::optional<zem_mkey> written ZEM_GUARDED_BY(mutex);  // the last posting in the data file
-  std::optional<zem_mkey> floor ZEM_GUARDED_BY(mutex);  // the last that a whole batch brought there
+  std::optional<zem_mkey> unfinished
+      ZEM_GUARDED_BY(mutex);  // how the batch begins that failed there
 };
 
 // Gets a shard for the load: the table's first, or a new one with its files. The caller holds the table
@@ -79,5 +80,5 @@ zem_status zem_exec_commit_x(zem_exec &exec);
 // changes nothing and leaves the load open.
 zem_status zem_exec_append(zem_exec &exec, zem_mkey &key);
 
-// Gives the load up; what cannot be removed is told to the error log. Does nothing after the end.
-void zem_exec_close(zem_exec &exec);
+// Gives the load up; what cannot be taken back is told to the error log. Does nothing after the end.
+void zem_exec_close(zem_exec &exec) noexcept;

@@ -105,7 +105,7 @@ struct zem_spx_parts {
   std::array<part, most> list;
   std::uint32_t count;                       // of parts
   std::uint32_t end;                         // where the last one ends
-  mutable std::atomic<std::uint32_t> reads;  // of parts, since the block was cached
+  mutable std::atomic<std::uint32_t> bytes;  // read in parts since the block was cached
 };
 
 // What the index holds of one data block.
@@ -134,7 +134,7 @@ struct zem_spx {
   bool damaged = false;       // the load had to leave out data blocks: a merge would lose them
   mutable zem_cache cache;    // data blocks by number; locks itself
   mutable zem_mutex parts_mutex{zem_lock_rank::leaf};
-  mutable zem_pool<zem_spx_parts> parts_pool ZEM_GUARDED_BY(parts_mutex){1024};
+  mutable zem_pool<zem_spx_parts> parts_pool ZEM_GUARDED_BY(parts_mutex){512};
 };
 
 // The data block being filled, and where it will lie. Owned by whoever writes the file.

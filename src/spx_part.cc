@@ -10,9 +10,9 @@ namespace format = zem_spx_format;
 
 namespace {
 
-// Part reads of one block after which it is cached again. Together they cost forty reads of the block;
-// fewer would make more queries wait for one, of blocks that leave the cache again before it paid.
-constexpr std::uint32_t reads_before_caching = 1024;
+// How much is read of one block in parts before it is cached again: sixteen times the block. Less would make
+// more queries wait for whole blocks, which leave the cache again before that paid.
+constexpr std::uint32_t bytes_before_caching = 16 * zem_block_size;
 
 const zem_spx_parts *parts_of(const zem_spx_node &node) noexcept {
   return std::atomic_ref(node.value->parts).load(std::memory_order_acquire);
@@ -50,7 +50,7 @@ void divide(zem_spx_parts &parts, const zem_block &block) noexcept {
 
 void zem_spx_part_learn(const zem_spx &spx, const zem_spx_node &node, const zem_block &block) {
   if (const zem_spx_parts *known = parts_of(node)) {
-    known->reads = 0;
+    known->bytes = 0;
     return;
   }
   zem_lock_guard held(spx.parts_mutex);
@@ -71,8 +71,9 @@ bool zem_spx_part_find(const zem_spx_node &node, const zem_term &term,
     (zem_xtree_compare(parts->list[mid].term, term) <= 0 ? low : high) = mid;
   }
   index = low;
+  const auto size = static_cast<std::uint32_t>(size_of(*parts, index));
   return parts->count > 1 &&
-         parts->reads.fetch_add(1, std::memory_order_relaxed) < reads_before_caching;
+         parts->bytes.fetch_add(size, std::memory_order_relaxed) < bytes_before_caching;
 }
 
 zem_status zem_spx_part_read(const zem_spx &spx, const zem_spx_node &node, std::size_t index,

@@ -9,8 +9,7 @@
 
 namespace {
 
-constexpr std::uint64_t gate_wait_us = 300ULL * 1000 * 1000;
-constexpr std::uint64_t spare_pool_us = 2000 * 1000;  // a busy map is gone and back by then
+constexpr std::uint64_t spare_pool_us = 2'000'000;  // a busy map is gone and back by then
 
 }  // namespace
 
@@ -48,7 +47,7 @@ gate_answer try_enter(zem_table &table, zem_table_role role) ZEM_REQUIRES(table.
 }
 
 zem_status wait_to_enter(zem_table &table, zem_table_role role) ZEM_REQUIRES(table.wait_mutex) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
+  const std::uint64_t deadline_us = zem_timer_stamp() + zem_table_gate_wait_us;
   gate_answer answer = gate_answer::barred;
   while (answer == gate_answer::barred) {
     if (table.closing) return zem_status{-EBUSY};
@@ -79,7 +78,7 @@ void zem_table_set_state(zem_table &table, zem_shard &shard, zem_shard_state sta
 }
 
 zem_status zem_table_wait_empty(zem_table &table, zem_table_role role) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
+  const std::uint64_t deadline_us = zem_timer_stamp() + zem_table_gate_wait_us;
   const bool all = role == zem_table_role::reader;
   while (table.writers > 0 || (all && table.readers > 0)) {
     if (table.closing || !table.open) return zem_status{ZEM_SDB_E_CLOSED};
@@ -187,7 +186,7 @@ bool zem_table_nap(zem_table &table, std::uint64_t micros) {
 }
 
 void zem_shard_sleep(zem_table &table, const zem_shard &shard) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
+  const std::uint64_t deadline_us = zem_timer_stamp() + zem_table_gate_wait_us;
   zem_lock_guard held(table.wait_mutex);
   while (shard.state >= zem_shard_state::splitting) {
     if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return;

@@ -13,6 +13,7 @@
 // Takes no locks. The owner serialises access: readers may run together while nobody writes.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -122,6 +123,7 @@ zem_xtree_places<Value> zem_xtree_prefetch(const zem_xtree<Value> &tree,
 // The next insertion looks near this place first.
 template <class Value>
 void zem_xtree_turn_to(zem_xtree<Value> &tree, zem_xentry<Value> *place) noexcept {
+  ZEM_ASSERT(place == nullptr || place->level == 0);
   if (place != nullptr) tree.finger = place;
 }
 
@@ -328,7 +330,7 @@ zem_xtree_places<Value> zem_xtree_prefetch(const zem_xtree<Value> &tree,
   ZEM_ASSERT(keys.size() <= zem_xtree_flight);
   zem_xtree_places<Value> at{};
   if (tree.root == nullptr) return at;
-  at.fill(tree.root);
+  std::fill_n(at.begin(), keys.size(), tree.root);
   for (std::uint32_t level = tree.root->level; level > 0; --level) {
     for (std::size_t i = 0; i < keys.size(); ++i) {
       at[i] = at[i]->items.items[zem_xarray_lower_bound(at[i]->items, keys[i])].entry;

@@ -8,6 +8,7 @@
 #include <new>
 #include <ostream>
 #include <random>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -78,6 +79,14 @@ void PrintTo(const workload &each, std::ostream *out) {
        << each.batch;
 }
 
+// As a run of changes goes into a log map.
+zem_xtree_places<std::uint32_t> look_ahead(const tree &target, std::span<const key> keys) {
+  std::vector<zem_xkey> flight;
+  for (const key &k : keys.first(std::min(keys.size(), zem_xtree_flight)))
+    flight.push_back(zem_xtree_key(k.first, ~k.second));
+  return zem_xtree_prefetch(target, flight);
+}
+
 class XtreeRandomTest : public ::testing::TestWithParam<workload> {};
 
 TEST_P(XtreeRandomTest, BehavesAsAMapDoes) {
@@ -98,7 +107,13 @@ TEST_P(XtreeRandomTest, BehavesAsAMapDoes) {
     std::generate(batch.begin(), batch.end(), draw);
     std::sort(batch.begin(), batch.end());
     if (GetParam().descending) std::reverse(batch.begin(), batch.end());
-    for (const key &k : batch) {
+    const bool ahead = batch.size() > 1 && random() % 2 == 0;
+    zem_xtree_places<std::uint32_t> places{};
+    for (std::size_t i = 0; i < batch.size(); ++i) {
+      const std::size_t turn = i % zem_xtree_flight;
+      if (ahead && turn == 0) places = look_ahead(target, std::span(batch).subspan(i));
+      zem_xtree_turn_to(target, places.at(turn));
+      const key &k = batch[i];
       const auto [found, is_new] = set(target, k);
       ASSERT_EQ(is_new, model.try_emplace(k, found).second);
       ASSERT_EQ(found, model.at(k)) << "nodes never move";

@@ -2,7 +2,12 @@
 //
 //   growth [--postings N] [--piece N] [--split-mib M] [--tuned] [--directory D]
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <vector>
 
 #include "bench/peers/measure.h"
 #include "bench/peers/store_sdb.h"
