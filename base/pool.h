@@ -25,7 +25,7 @@ enum class zem_pool_pages : std::uint8_t { small, huge };
 void *zem_pool_map(std::size_t bytes, zem_pool_pages pages);
 void zem_pool_unmap(void *block, std::size_t bytes, zem_pool_pages pages) noexcept;
 
-// The blocks of a log of 64 MiB and more: to clear them anew costs a writer a third of its time.
+// The blocks of a log of 64 MiB and more: to clear them anew was a quarter of an ingest's processor time.
 inline constexpr std::size_t zem_pool_spare_bytes = std::size_t{512} << 20;
 
 // Gives those spare blocks back to the system that no pool has needed for `micros` microseconds, or a

@@ -45,17 +45,9 @@ class [[nodiscard]] writer_bar {
   writer_bar &operator=(const writer_bar &) = delete;
 
   // Until those who were let in before have left.
-  zem_status wait() const {
+  zem_status wait(zem_table_when when = zem_table_when::open) const {
     zem_lock_guard held(table_.wait_mutex);
-    return zem_table_wait_empty(table_, zem_table_role::writer);
-  }
-  // The same also while the table is being cleared or closed, which ends their own waits. Gives up after
-  // as long.
-  void wait_anyway() const {
-    const std::uint64_t deadline_us = zem_timer_stamp() + zem_table_gate_wait_us;
-    zem_lock_guard held(table_.wait_mutex);
-    while (table_.writers > 0 && table_.gate.wait_until(table_.wait_mutex, deadline_us))
-      continue;
+    return zem_table_wait_empty(table_, zem_table_role::writer, when);
   }
 
  private:
@@ -86,8 +78,8 @@ zem_status tidy_lent(zem_shard &shard) {
 zem_status open_new_shard(zem_exec &exec, zem_table &table) ZEM_REQUIRES(exec.mutex) {
   exec.own = zem_table_next_shard(table);
   zem_write_guard held(exec.own->lock);
-  exec.own->loan =
-      zem_shard_loan::lent;  // a failed sync must not ask the table's workers for a merge
+  // A failed sync must not ask the table's workers for a merge.
+  exec.own->loan = zem_shard_loan::lent;
   const zem_status st = zem_shard_open_new(*exec.own);
   if (st < 0) std::ignore = zem_shard_clear(*exec.own);
   return st;
@@ -381,10 +373,10 @@ zem_status undo_lent(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
   return st < 0 ? st : zem_ok;
 }
 
-// Writers stay out meanwhile, for they read the keys.
+// Writers stay out meanwhile, for they read the keys: those let in before are waited for, but not for ever.
 void return_lent(zem_exec &exec) ZEM_REQUIRES(exec.mutex) {
   const writer_bar bar(*exec.table);
-  bar.wait_anyway();
+  std::ignore = bar.wait(zem_table_when::any);
   const zem_status undone = zem_boundary([&]() ZEM_UNCHECKED_LOCKS { return undo_lent(exec); });
   if (undone < 0) {
     zem_err_log(exec.table->err_log, 0, "shard %d: what a cancelled load logged stays: %d",

@@ -55,7 +55,7 @@ struct zem_exec {
   std::optional<zem_mkey> lowest ZEM_GUARDED_BY(mutex);   // the least loaded; none: nothing was
   std::optional<zem_mkey> written ZEM_GUARDED_BY(mutex);  // the last posting in the data file
   std::optional<zem_mkey> unfinished
-      ZEM_GUARDED_BY(mutex);  // how the batch begins that failed there
+      ZEM_GUARDED_BY(mutex);  // the first of a batch that failed there
 };
 
 // Gets a shard for the load: the table's first, or a new one with its files. The caller holds the table

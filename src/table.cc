@@ -9,6 +9,7 @@
 
 namespace {
 
+constexpr std::uint64_t gate_wait_us = 300ULL * 1000 * 1000;
 constexpr std::uint64_t spare_pool_us = 2'000'000;  // a busy map is gone and back by then
 
 }  // namespace
@@ -47,7 +48,7 @@ gate_answer try_enter(zem_table &table, zem_table_role role) ZEM_REQUIRES(table.
 }
 
 zem_status wait_to_enter(zem_table &table, zem_table_role role) ZEM_REQUIRES(table.wait_mutex) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + zem_table_gate_wait_us;
+  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
   gate_answer answer = gate_answer::barred;
   while (answer == gate_answer::barred) {
     if (table.closing) return zem_status{-EBUSY};
@@ -77,11 +78,12 @@ void zem_table_set_state(zem_table &table, zem_shard &shard, zem_shard_state sta
   table.gate.wake_all();
 }
 
-zem_status zem_table_wait_empty(zem_table &table, zem_table_role role) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + zem_table_gate_wait_us;
+zem_status zem_table_wait_empty(zem_table &table, zem_table_role role, zem_table_when when) {
+  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
   const bool all = role == zem_table_role::reader;
   while (table.writers > 0 || (all && table.readers > 0)) {
-    if (table.closing || !table.open) return zem_status{ZEM_SDB_E_CLOSED};
+    const bool ends = table.closing || !table.open;
+    if (ends && when == zem_table_when::open) return zem_status{ZEM_SDB_E_CLOSED};
     if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return zem_status{-EBUSY};
   }
   return zem_ok;
@@ -186,7 +188,7 @@ bool zem_table_nap(zem_table &table, std::uint64_t micros) {
 }
 
 void zem_shard_sleep(zem_table &table, const zem_shard &shard) {
-  const std::uint64_t deadline_us = zem_timer_stamp() + zem_table_gate_wait_us;
+  const std::uint64_t deadline_us = zem_timer_stamp() + gate_wait_us;
   zem_lock_guard held(table.wait_mutex);
   while (shard.state >= zem_shard_state::splitting) {
     if (!table.gate.wait_until(table.wait_mutex, deadline_us)) return;

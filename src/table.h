@@ -139,9 +139,14 @@ void zem_table_wait_clear(zem_table &table, zem_table_role role);
 void zem_table_set_state(zem_table &table, zem_shard &shard, zem_shard_state state)
     ZEM_REQUIRES(table.wait_mutex);
 
+// Whether a wait ends when the table is cleared or closed.
+enum class zem_table_when : std::uint8_t { open, any };
+
 // Waits until the writers, and for the role of readers these as well, have left; the caller keeps new
-// ones out. Errors: -EBUSY after 300 s; ZEM_SDB_E_CLOSED when the table is cleared or closed meanwhile.
-zem_status zem_table_wait_empty(zem_table &table, zem_table_role role)
+// ones out. Errors: -EBUSY after 300 s; ZEM_SDB_E_CLOSED when the table is cleared or closed meanwhile,
+// unless `when` is `any`: clearing and closing end what writers and readers themselves wait for.
+zem_status zem_table_wait_empty(zem_table &table, zem_table_role role,
+                                zem_table_when when = zem_table_when::open)
     ZEM_REQUIRES(table.wait_mutex);
 
 // Counts a holder that is neither writer nor reader. ZEM_SDB_E_CLOSED while the table is not open.

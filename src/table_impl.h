@@ -16,8 +16,5 @@ std::vector<zem_shard *> zem_table_shard_list(const zem_table &table);
 enum class zem_table_which : std::uint8_t { written, quiet };
 void zem_table_request_commits(zem_table &table, zem_table_which which);
 
-// How long anybody waits at the gate.
-inline constexpr std::uint64_t zem_table_gate_wait_us = 300ULL * 1000 * 1000;
-
 // Sleeps; false, at once, when the table is cleared or closed.
 bool zem_table_nap(zem_table &table, std::uint64_t micros);
